@@ -1,0 +1,48 @@
+# A thin front for the CMake presets. Every target installs the Debian packages that it needs and
+# that are missing (scripts/setup.sh), which takes root once.
+#
+#   make demo               find the speech in the bundled recordings
+#   make test               everything: native, sanitizers, 32-bit and 64-bit ARM under the emulator
+#   make bench              time the library, natively and on ARM
+#   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
+#   make lint               clang's warnings, clang-tidy and the format
+#   make clean
+
+PREFIX ?= /usr/local
+TEST_PRESETS ?= release asan tsan armhf arm64
+MODEL ?= models/vad8k.bin
+
+export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
+
+.PHONY: demo test bench install lint clean dist
+
+demo: dist
+	@for recording in samples/*.wav; do \
+	    echo "$$recording"; build/dist/app/dnnvad --model $(MODEL) "$$recording" || exit 1; \
+	done
+
+test:
+	@scripts/setup.sh test
+	@scripts/test.sh $(TEST_PRESETS)
+
+bench:
+	@scripts/setup.sh bench
+	cmake --preset bench
+	cmake --build --preset bench
+	build/bench/bench/dnnvad_bench
+
+install: dist
+	cmake --install build/dist --prefix "$(PREFIX)"
+	@if [ -z "$(DESTDIR)" ] && [ "$$(id -u)" = 0 ]; then ldconfig; fi
+
+lint:
+	@scripts/setup.sh lint
+	@scripts/lint.sh
+
+clean:
+	rm -rf build
+
+dist:
+	@scripts/setup.sh demo
+	@cmake --preset dist --log-level=WARNING >/dev/null
+	@cmake --build --preset dist
