@@ -1,0 +1,142 @@
+"""Turn every usable recording of the packages into 8 kHz mono 16-bit samples.
+
+The result is one file of samples, clips.s16, and one list, clips.json, with a record per
+recording: package, name, kind, voice, held_out, start and length (samples).
+"""
+import io
+import json
+import os
+import re
+import struct
+import subprocess
+import tempfile
+import zipfile
+
+import numpy as np
+import soundfile
+from scipy.signal import resample_poly
+
+from corpora import PACKAGES, classify
+
+RATE = 8000
+LONGEST = 180 * RATE  # longer recordings (music) are cut to their middle
+AUDIO = re.compile(r"\.(g722|ogg|wav|flac|mp3)$", re.I)
+ARCHIVE = re.compile(r"\.(pk3|wz|zip)$", re.I)
+
+
+def talkie_entries(data):
+    """(name, bytes) of the files inside the adventure game's single data file.
+
+    Big-endian: "QTBL", a six-byte version, two flags, the compression (1: MP3), a 16-bit entry
+    count; then per entry a 12-byte name, a byte, and 32-bit offset and size.
+    """
+    count = struct.unpack(">H", data[13:15])[0]
+    for index in range(count):
+        name, _, offset, size = struct.unpack_from(">12sBII", data, 15 + 21 * index)
+        yield name.split(b"\0")[0].decode("latin1"), data[offset:offset + size]
+
+
+def recordings(package, root):
+    """(path inside the package, callable that returns the bytes), sorted by path."""
+    found = []
+    for folder, _, files in os.walk(root):
+        for name in files:
+            path = os.path.join(folder, name)
+            inside = "/" + os.path.relpath(path, root)
+            if AUDIO.search(name):
+                found.append((inside, lambda p=path: open(p, "rb").read()))
+            elif ARCHIVE.search(name):
+                archive = zipfile.ZipFile(path)
+                found += [(inside + "/" + member, lambda a=archive, m=member: a.read(m))
+                          for member in archive.namelist() if AUDIO.search(member)]
+            elif name == "queen.1c":
+                with open(path, "rb") as file:
+                    found += [(inside + "/" + entry, lambda d=data: d)
+                              for entry, data in talkie_entries(file.read())]
+    return sorted(found)
+
+
+def to_8k(samples, rate):
+    """Mono 16-bit samples at 8 kHz."""
+    if samples.ndim > 1:
+        samples = samples.mean(axis=1)
+    if len(samples) > LONGEST * rate // RATE:
+        keep = LONGEST * rate // RATE
+        start = (len(samples) - keep) // 2
+        samples = samples[start:start + keep]
+    if rate != RATE:
+        common = np.gcd(RATE, rate)
+        samples = resample_poly(samples, RATE // common, rate // common)
+    return np.clip(np.round(samples * 32768), -32768, 32767).astype(np.int16)
+
+
+def decode_g722(blobs):
+    """16 kHz float samples of headerless G.722 recordings, many per ffmpeg run."""
+    out = []
+    for start in range(0, len(blobs), 100):
+        with tempfile.TemporaryDirectory() as folder:
+            command = ["ffmpeg", "-loglevel", "error", "-nostdin"]
+            outputs = []
+            for number, blob in enumerate(blobs[start:start + 100]):
+                name = os.path.join(folder, f"{number}.g722")
+                with open(name, "wb") as file:
+                    file.write(blob)
+                command += ["-f", "g722", "-i", name]
+                outputs += ["-map", f"{number}:a", "-f", "s16le", name + ".s16"]
+            subprocess.run(command + outputs, check=True)
+            out += [np.fromfile(os.path.join(folder, f"{number}.g722.s16"), "<i2") / 32768.0
+                    for number in range(len(blobs[start:start + 100]))]
+    return out
+
+
+def decode_package(package, root):
+    """[(record, samples)] of one package."""
+    chosen = []
+    for path, load in recordings(package, root):
+        decision = classify(package, path)
+        if decision:
+            kind, voice, held_out = decision
+            chosen.append(({"package": package, "name": path, "kind": kind, "voice": voice,
+                            "held_out": held_out}, load))
+    telephone = [(record, load) for record, load in chosen if record["name"].endswith(".g722")]
+    decoded = []
+    for (record, _), samples in zip(telephone, decode_g722([load() for _, load in telephone])):
+        decoded.append((record, to_8k(samples, 16000)))
+    for record, load in chosen:
+        if record["name"].endswith(".g722"):
+            continue
+        try:
+            samples, rate = soundfile.read(io.BytesIO(load()), dtype="float32")
+        except soundfile.LibsndfileError as error:
+            print(f"  skipped {record['name']}: {error}")
+            continue
+        decoded.append((record, to_8k(samples, rate)))
+    return [(record, samples) for record, samples in decoded if len(samples) >= RATE // 20]
+
+
+def decode(work):
+    """Write work/clips.s16 and work/clips.json unless they are there."""
+    listing = os.path.join(work, "clips.json")
+    if os.path.exists(listing):
+        return
+    records, position = [], 0
+    with open(os.path.join(work, "clips.s16"), "wb") as out:
+        for number, package in enumerate(PACKAGES, 1):
+            before = position
+            for record, samples in decode_package(
+                    package, os.path.join(work, "packages", package)):
+                records.append(dict(record, start=position, length=len(samples)))
+                samples.tofile(out)
+                position += len(samples)
+            print(f"decode {number}/{len(PACKAGES)} {package}: "
+                  f"{(position - before) / RATE / 60:.1f} min", flush=True)
+    with open(listing + ".partial", "w") as file:
+        json.dump(records, file, indent=0, ensure_ascii=False)
+    os.rename(listing + ".partial", listing)
+
+
+def load_clips(work):
+    """(records, samples): the list and a memory map of the samples."""
+    with open(os.path.join(work, "clips.json")) as file:
+        records = json.load(file)
+    return records, np.memmap(os.path.join(work, "clips.s16"), np.int16, "r")

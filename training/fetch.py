@@ -1,0 +1,28 @@
+"""Download the source packages and unpack them (nothing is installed)."""
+import os
+import shutil
+import subprocess
+
+from corpora import PACKAGES
+
+
+def fetch(work, packages=PACKAGES):
+    """Unpack every package under work/packages/NAME; packages already there are skipped."""
+    debs = os.path.join(work, "debs")
+    os.makedirs(debs, exist_ok=True)
+    os.makedirs(os.path.join(work, "packages"), exist_ok=True)
+    for number, name in enumerate(packages, 1):
+        target = os.path.join(work, "packages", name)
+        if os.path.isdir(target):
+            continue
+        print(f"fetch {number}/{len(packages)} {name}", flush=True)
+        for old in os.listdir(debs):
+            if old.startswith(name + "_"):
+                os.remove(os.path.join(debs, old))
+        subprocess.run(["apt-get", "-o", "APT::Sandbox::User=root", "download", "-qq", name], cwd=debs, check=True)
+        deb = next(f for f in os.listdir(debs) if f.startswith(name + "_"))
+        partial = target + ".partial"
+        shutil.rmtree(partial, ignore_errors=True)
+        subprocess.run(["dpkg-deb", "-x", os.path.join(debs, deb), partial], check=True)
+        os.rename(partial, target)
+        os.remove(os.path.join(debs, deb))
