@@ -118,6 +118,67 @@ DNNVAD_API void wave_2_fbank(float* s, float* fbank, FBankInfo* info);
 DNNVAD_API void wave_2_fbank(float* s, float* fbank, FBankInfo* info, float* fftFeature,
                              int fftDim);
 
+// ---- In radix2_fft.cpp: an FFT of the module's own -----------------------------------------
+
+// Fills the table of n + n / 4 sines, sintbl[i] = sin(2 pi i / n), by recurrence in single
+// precision; entry i + n / 4 is the cosine (from n = 4 on). n is a power of two.
+DNNVAD_API void make_sintbl(int n, float* sintbl);
+
+// Fills the table of n bit-reversed indices. n is a power of two.
+DNNVAD_API void make_bitrev(int n, int* bitrev);
+
+// In-place radix-2 transform (Cooley and Tukey, 1965) of the complex numbers x[i] + i y[i],
+// i = 0 .. |n| - 1 (plain arrays, not header vectors): sum of z[m] e^(-2 pi i mk / n) for n > 0; the
+// inverse, with its 1 / |n|, for n < 0. The tables of the last size are kept, for each thread its
+// own; n = 0 releases them. Sizes that are not powers of two leave everything as it is.
+DNNVAD_API void fft(int n, float* x, float* y);
+
+// In-place real transform of the header vector s, n = s[0] samples. Afterwards s[2k+1] and s[2k+2]
+// are the real and imaginary part of the sum of s[m+1] e^(+2 pi i mk / n), k = 1 .. n / 2 - 1. The
+// first pair is the sum of the samples and 0; the value at half the sample rate is not kept. Lengths
+// that are not powers of two from 2 on leave the vector as it is.
+DNNVAD_API void realft(float* s);
+
+// ---- In cepstral.cpp: cepstral and PLP utilities -------------------------------------------
+
+// Regression (delta) coefficients of numFrames frames of dim floats (dim >= 26, else nothing is
+// done): floats 0 .. 12 of a frame are its static coefficients x, floats 13 .. 25 receive
+// ((x[t+1] - x[t-1]) + 2 (x[t+2] - x[t-2])) / 10. head frames lie before data and tail frames after
+// the last; beyond them the outermost frame stands in.
+DNNVAD_API void Regress(float* data, int head, int tail, int numFrames, int dim);
+
+// Regression over a whole sequence of frames.
+DNNVAD_API void add_regress(float* data, int numFrames, int dim);
+
+// Sinusoidal lifter 1 + (cepLifter / 2) sin(pi i / cepLifter) in cepWin[1 .. cepSize], whose header
+// is cepSize.
+DNNVAD_API void GenCepLifterWindow(float* cepWin, int cepSize, int cepLifter);
+
+// Multiplies cepFrame[1 .. cepSize] by the lifter. The header of cepFrame is cepSize + 1 (kept: one
+// more than the coefficients weighted).
+DNNVAD_API void WeightCepstrum(float* cepFrame, int cepSize, int cepLifter);
+
+// Set-up of a perceptual linear prediction analysis (Hermansky, "Perceptual linear predictive (PLP)
+// analysis of speech", 1990).
+struct DNNVAD_API PLPInfo {
+    std::int32_t lpcOrder;  // order of the prediction
+    float* vecA;            // header vector of lpcOrder + 1, work space
+    float* spareVec;        // null; freed by ClearPLPInfo when a host sets it (malloc)
+    float* vecB;            // header vector of lpcOrder + 1, work space
+    float* eql;             // header vector of numChans equal-loudness weights
+    // 60 row pointers. Rows 0 .. numChans + 2 (never beyond the table) hold numChans + 5 doubles and
+    // the cosines of the inverse transform in rows 0 .. lpcOrder; the other slots are null.
+    double** cm;
+    float compressFact;  // exponent of the loudness compression, one third
+};
+
+// Makes the record for the channels of a filter bank. lpcOrder should not exceed numChans + 2; rows
+// that the table does not have are left out. The caller releases it with ClearPLPInfo and free.
+DNNVAD_API PLPInfo* InitPLP(FBankInfo* fbinfo, int lpcOrder);
+
+// Frees what the record holds and clears its pointers; the record itself stays the caller's.
+DNNVAD_API void ClearPLPInfo(PLPInfo* info);
+
 }  // namespace tz_dnnvad
 
 #endif
