@@ -1,0 +1,99 @@
+#include "dnnvad/QN_fltvec.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+
+#include "dnnvad/saturate.h"
+
+namespace tz_dnnvad {
+
+int qn_math = 0;
+
+namespace {
+
+// Beyond this the exponent bits of a double would run out.
+constexpr float kFastExpLimit = 700.0F;
+
+bool in_fast_range(float x) { return x > -kFastExpLimit && x < kFastExpLimit; }
+
+// e^x for |x| < 700: x / ln 2 lands in the exponent field of a double's high word; the constant
+// 60801 centres the error of the linear mantissa.
+double fast_exp(double x) {
+    const auto high = static_cast<std::int32_t>(x * 1512775.3951951857) + 1072632447;
+    const std::uint64_t bits = static_cast<std::uint64_t>(static_cast<std::uint32_t>(high)) << 32;
+    double value;
+    std::memcpy(&value, &bits, sizeof value);
+    return value;
+}
+
+// Softmax over any exponential: subtract the maximum, exponentiate, scale by one reciprocal.
+template <typename Exp>
+void softmax(unsigned n, const float* in, float* out, Exp exponential) {
+    if (n == 0) {
+        return;
+    }
+    float max = in[0];
+    for (unsigned i = 1; i < n; ++i) {
+        if (in[i] > max) {
+            max = in[i];
+        }
+    }
+    float sum = 0.0F;
+    for (unsigned i = 0; i < n; ++i) {
+        out[i] = exponential(in[i] - max);
+        sum += out[i];
+    }
+    const float scale = 1.0F / sum;
+    for (unsigned i = 0; i < n; ++i) {
+        out[i] *= scale;
+    }
+}
+
+}  // namespace
+
+void qn_fe_sigmoid_vf_vf(unsigned n, const float* in, float* out) {
+    for (unsigned i = 0; i < n; ++i) {
+        const float x = in[i];
+        const double e = in_fast_range(x) ? fast_exp(-static_cast<double>(x)) : static_cast<double>(expf(-x));
+        out[i] = static_cast<float>(1.0 / (e + 1.0));
+    }
+}
+
+void qn_nv_sigmoid_vf_vf(unsigned n, const float* in, float* out) {
+    for (unsigned i = 0; i < n; ++i) {
+        out[i] = 1.0F / (expf(-in[i]) + 1.0F);
+    }
+}
+
+void qn_fe_softmax_vf_vf(unsigned n, const float* in, float* out) {
+    softmax(n, in, out, [](float t) {
+        return in_fast_range(t) ? static_cast<float>(fast_exp(static_cast<double>(t))) : expf(t);
+    });
+}
+
+void qn_nv_softmax_vf_vf(unsigned n, const float* in, float* out) {
+    softmax(n, in, out, [](float t) { return expf(t); });
+}
+
+void qn_nv_muladd_vffvf_vf(unsigned n, const float* a, float s, const float* b, float* out) {
+    for (unsigned i = 0; i < n; ++i) {
+        out[i] = fmaf(a[i], s, b[i]);
+    }
+}
+
+int qn_findexp_f_i(float x) {
+    const double exponent = std::ceil(static_cast<double>(logf(std::fabs(x))) * 1.442695040888963);
+    return truncate_to_int(static_cast<float>(exponent));
+}
+
+void qn_swapb_vd_vd(unsigned n, const double* in, double* out) {
+    for (unsigned i = 0; i < n; ++i) {
+        std::uint64_t bits;
+        std::memcpy(&bits, &in[i], sizeof bits);
+        bits = __builtin_bswap64(bits);
+        std::memcpy(&out[i], &bits, sizeof bits);
+    }
+}
+
+}  // namespace tz_dnnvad

@@ -1,0 +1,9 @@
+// What every public header needs: the mark of an exported name.
+#ifndef DNNVAD_VAD_API_H
+#define DNNVAD_VAD_API_H
+
+// The library is built with hidden visibility. Every class, function and table that hosts may use
+// carries this mark; helpers of the library's own do not.
+#define DNNVAD_API __attribute__((visibility("default")))
+
+#endif

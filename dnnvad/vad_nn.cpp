@@ -1,0 +1,406 @@
+#include "dnnvad/vad_nn.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include "dnnvad/aligned.h"
+#include "dnnvad/arch/float4.h"
+#include "dnnvad/saturate.h"
+#include "dnnvad/vad_log.h"
+
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "model files are read as little-endian words");
+
+namespace tz_dnnvad {
+
+namespace {
+
+enum LoadState { kNotLoaded = 1, kLoaded = 2 };
+
+constexpr int kLineBytes = 1024;
+constexpr long long kMaxInt = std::numeric_limits<int>::max();
+
+// A decimal integer at the start of `text`, saturating; `otherwise` when there is none.
+int parse_int(const char* text, int otherwise) {
+    char* end = nullptr;
+    const long value = std::strtol(text, &end, 10);
+    return end == text ? otherwise : saturate_to_int(value);
+}
+
+// Zeroed aligned floats. Large blocks come untouched from the system wherever its zeroed memory is
+// aligned, so that a huge claim costs no memory until it is used.
+float* zeroed_aligned_floats(std::size_t count) {
+    void* block = std::calloc(std::max<std::size_t>(count, 1), sizeof(float));
+    if (reinterpret_cast<std::uintptr_t>(block) % 16 == 0) {
+        return static_cast<float*>(block);
+    }
+    std::free(block);
+    float* floats = aligned_floats(count);
+    if (floats != nullptr) {
+        std::memset(floats, 0, count * sizeof(float));
+    }
+    return floats;
+}
+
+// `Rows` rows of A at once against x, so that the additions of different rows overlap; the order
+// within each row is the same for any number of rows.
+template <int Rows>
+void multiply_rows(const float* A, int stride, const float* x, int length, float* y) {
+    const int whole = length & ~3;
+    float32x4_t lanes[Rows];
+    for (auto& row : lanes) {
+        row = vdupq_n_f32(0.0F);
+    }
+    for (int k = 0; k < whole; k += 4) {
+        const float32x4_t values = vld1q_f32(x + k);
+        for (int r = 0; r < Rows; ++r) {
+            const float* row = A + static_cast<std::ptrdiff_t>(r) * stride;
+            lanes[r] = vaddq_f32(lanes[r], vmulq_f32(vld1q_f32(row + k), values));
+        }
+    }
+    for (int r = 0; r < Rows; ++r) {
+        const float* row = A + static_cast<std::ptrdiff_t>(r) * stride;
+        float tail = 0.0F;
+        for (int k = whole; k < length; ++k) {
+            tail = fmaf(row[k], x[k], tail);
+        }
+        y[r] = ((vgetq_lane_f32(lanes[r], 0) + vgetq_lane_f32(lanes[r], 1)) +
+                (vgetq_lane_f32(lanes[r], 2) + vgetq_lane_f32(lanes[r], 3))) +
+               tail;
+    }
+}
+
+}  // namespace
+
+// ---- Loading --------------------------------------------------------------------------------------
+
+// The model file while it is read.
+struct DNN::File {
+    const char* path;
+    std::unique_ptr<FILE, int (*)(FILE*)> stream;
+    int parameter_count = 0;
+    std::unique_ptr<float[], FreeDeleter> parameters;
+    char line[kLineBytes] = {};
+
+    explicit File(const char* name)
+        : path(name != nullptr ? name : "(null)"),
+          stream(name != nullptr ? std::fopen(name, "rb") : nullptr, std::fclose) {}
+
+    bool read_line() { return std::fgets(line, sizeof line, stream.get()) != nullptr; }
+
+    // `value` stays as it is at the end of the file.
+    bool read_word(int& value) {
+        int word;
+        if (std::fread(&word, sizeof word, 1, stream.get()) != 1) {
+            return false;
+        }
+        value = word;
+        return true;
+    }
+};
+
+DNN::DNN(VadConfiger* /*configer*/, const char* path)
+    : _layer_number(0),
+      _layer_size(nullptr),
+      _weights(nullptr),
+      _biases(nullptr),
+      _max_layer_size(0),
+      _out_buf(nullptr),
+      _tmp_buf(nullptr),
+      _feat_dim(0),
+      _sample_rate(0),
+      _low_freq(0),
+      _high_freq(0),
+      _header_flag(false),
+      _mean_vec(nullptr),
+      _rev_var_vec(nullptr),
+      _state(kNotLoaded) {
+    File file(path);
+    if (file.stream == nullptr) {
+        VAD_ERROR("failed to open dnn model file[%s]\n", file.path);
+        return;
+    }
+    _state = load(file) ? kLoaded : kNotLoaded;
+}
+
+bool DNN::load(File& file) {
+    if (!read_header(file) || !read_vector(file, "meanvec", "meanVector", _mean_vec) ||
+        !read_vector(file, "revvarvec", "revVarVector", _rev_var_vec) || !read_layers(file) ||
+        !allocate_layers()) {
+        return false;
+    }
+    set_network(file.parameters.get(), file.parameter_count);
+    return true;
+}
+
+bool DNN::read_header(File& file) {
+    for (int i = 0; i < 3; ++i) {
+        if (!file.read_line()) {
+            VAD_ERROR("failed to read header of model file[%s]\n", file.path);
+            return false;
+        }
+    }
+    // A file that ends inside these words fails at the line end that has to follow them.
+    int flag = 0;
+    for (int* word : {&_feat_dim, &_sample_rate, &_low_freq, &_high_freq, &flag}) {
+        file.read_word(*word);
+    }
+    _header_flag = flag != 0;
+    if (!file.read_line()) {
+        VAD_ERROR("failed to skip tail of current line\n");
+        return false;
+    }
+    if (!file.read_line()) {
+        VAD_ERROR("failed to read data offeset of model file[%s]\n", file.path);
+        return false;
+    }
+    const int flt_number = parse_int(file.line, 0);
+    assert(flt_number > 0);
+    file.parameter_count = flt_number;
+    return true;
+}
+
+// One normalisation vector: its header line, then `_feat_dim` lines of one number each.
+bool DNN::read_vector(File& file, const char* token, const char* name, float*& vector) {
+    if (!file.read_line()) {
+        VAD_ERROR("failed to read header of %s\n", name);
+        return false;
+    }
+    char head[256] = "";
+    int consumed = 0;
+    std::sscanf(file.line, "%255s%n", head, &consumed);
+    if (std::strcmp(head, token) != 0) {
+        VAD_ERROR("failed to read %s head\n", name);
+        return false;
+    }
+    const int dim = parse_int(file.line + consumed, -1);
+    if (dim != _feat_dim) {
+        VAD_ERROR("error:%s Dim:%d _feat_dim:%d not equal\n\n", name, dim, _feat_dim);
+        return false;
+    }
+    vector = _feat_dim < 0 ? nullptr
+                           : static_cast<float*>(std::malloc(static_cast<std::size_t>(_feat_dim) * sizeof(float)));
+    if (vector == nullptr) {
+        VAD_ERROR("failed to read %s\n", name);
+        return false;
+    }
+    for (int i = 0; i < _feat_dim; ++i) {
+        if (!file.read_line()) {
+            VAD_ERROR("failed to read %s\n", name);
+            return false;
+        }
+        vector[i] = static_cast<float>(std::strtod(file.line, nullptr));
+    }
+    return true;
+}
+
+bool DNN::read_layers(File& file) {
+    const auto count = static_cast<std::size_t>(file.parameter_count);
+    file.parameters.reset(static_cast<float*>(std::calloc(count, sizeof(float))));
+    if (file.parameters == nullptr) {
+        VAD_ERROR("allocate memory[%d] for net_buf\n", file.parameter_count);
+        return false;
+    }
+    file.read_word(_layer_number);
+    assert(_layer_number > 0);
+    _layer_size = static_cast<int*>(std::calloc(static_cast<std::size_t>(_layer_number), sizeof(int)));
+    assert(_layer_size);
+    // Sizes beyond the end of the file stay 0; the parameters then are missing too.
+    for (int k = 0; k < _layer_number && file.read_word(_layer_size[k]); ++k) {
+    }
+    if (std::fread(file.parameters.get(), sizeof(float), count, file.stream.get()) != count) {
+        VAD_ERROR("corrupted net model file[%s]\n", file.path);
+        return false;
+    }
+    return true;
+}
+
+bool DNN::allocate_layers() {
+    const int transitions = _layer_number - 1;
+    _weights = static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
+    _biases = static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
+    if (_weights == nullptr || _biases == nullptr) {
+        VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
+        return false;
+    }
+    long long total = 0;
+    for (int k = 0; k < transitions; ++k) {
+        const long long inputs = _layer_size[k];
+        const long long outputs = _layer_size[k + 1];
+        // Both factors are below 2^31, so the product fits; the sum is kept below 2^31 step by step.
+        const bool sane = inputs >= 0 && outputs >= 0 && (total += (inputs + 1) * outputs) <= kMaxInt;
+        if (sane) {
+            _max_layer_size = std::max(_max_layer_size, _layer_size[k + 1]);
+            _weights[k] = zeroed_aligned_floats(static_cast<std::size_t>(inputs * outputs));
+            _biases[k] = zeroed_aligned_floats(static_cast<std::size_t>(outputs));
+        }
+        if (!sane || _weights[k] == nullptr || _biases[k] == nullptr) {
+            VAD_ERROR("DNN init memory new failure curLayer:%d matrixSize:%d baseSize:%d!\n\n", k, k, k);
+            return false;
+        }
+    }
+    _out_buf = zeroed_aligned_floats(static_cast<std::size_t>(_max_layer_size));
+    _tmp_buf = zeroed_aligned_floats(static_cast<std::size_t>(_max_layer_size));
+    if (_out_buf == nullptr || _tmp_buf == nullptr) {
+        VAD_ERROR("DNN init memory new failure maxlayerSize:%d!\n\n", _max_layer_size);
+        return false;
+    }
+    return true;
+}
+
+DNN::~DNN() {
+    for (int k = 0; k < _layer_number - 1; ++k) {
+        if (_weights != nullptr) {
+            std::free(_weights[k]);
+        }
+        if (_biases != nullptr) {
+            std::free(_biases[k]);
+        }
+    }
+    std::free(_layer_size);
+    std::free(_weights);
+    std::free(_biases);
+    std::free(_out_buf);
+    std::free(_tmp_buf);
+    std::free(_mean_vec);
+    std::free(_rev_var_vec);
+}
+
+int DNN::getState() { return _state; }
+
+int DNN::reset() { return 0; }
+
+void DNN::set_network(const float* params, int param_num) {
+    assert(_layer_size);
+    assert(_layer_number > 0);
+    const int read_param_num = copy_parameters(params, param_num);
+    if (read_param_num != param_num) {
+        VAD_ERROR("read_param_num[%d] != param_num[%d]\n", read_param_num, param_num);
+    }
+}
+
+// Returns how many parameters the layers hold. Of a shorter block the missing ones are left as they
+// are (0 after loading).
+int DNN::copy_parameters(const float* params, int param_num) {
+    int position = 0;
+    const auto copy = [&](float* block, int size) {
+        const int present = std::min(size, std::max(param_num - position, 0));
+        std::copy_n(params + std::min(position, std::max(param_num, 0)), present, block);
+        position += size;
+    };
+    for (int k = 0; k < _layer_number - 1; ++k) {
+        copy(_weights[k], _layer_size[k] * _layer_size[k + 1]);
+        copy(_biases[k], _layer_size[k + 1]);
+    }
+    return position;
+}
+
+void DNN::set_topology(int layer_num, int* layer_size) {
+    assert(layer_num > 0);
+    // clang-format off
+    assert(layer_size != NULL);
+    // clang-format on
+    _layer_number = layer_num;
+    if (_layer_size != nullptr) {
+        std::copy_n(layer_size, layer_num, _layer_size);
+    }
+}
+
+// ---- Evaluation -----------------------------------------------------------------------------------
+
+int DNN::forward(const float* in, int /*in_dim*/, float* out) {
+    const int last = _layer_number - 2;
+    if (last < 0 || _weights == nullptr || _biases == nullptr || _out_buf == nullptr || _tmp_buf == nullptr) {
+        return 0;
+    }
+    for (int k = 0; k <= last; ++k) {
+        const int inputs = _layer_size[k];
+        const int outputs = _layer_size[k + 1];
+        matrix_product(_weights[k], outputs, inputs, k == 0 ? in : _out_buf, inputs, 1, _tmp_buf);
+        vector_add(_tmp_buf, _biases[k], _tmp_buf, outputs);
+        if (k == last) {
+            softmax(_tmp_buf, _out_buf, outputs);
+        } else {
+            sigmod(_tmp_buf, _out_buf, outputs);
+        }
+    }
+    std::copy_n(_out_buf, _layer_size[last + 1], out);
+    return 0;
+}
+
+int DNN::matrix_product(const float* A, int m, int n, const float* B, int p, int q, float* C) {
+    return n == p ? native_matrix_product(A, m, n, B, p, q, C) : -1;
+}
+
+int DNN::vector_add(const float* x, const float* y, float* c, int n) {
+    for (int i = 0; i < n; ++i) {
+        c[i] = x[i] + y[i];
+    }
+    return 0;
+}
+
+int DNN::sigmod(const float* in, float* out, int n) {
+    qn_fe_sigmoid_vf_vf(static_cast<unsigned>(std::max(n, 0)), in, out);
+    return 0;
+}
+
+int DNN::softmax(const float* in, float* out, int n) {
+    constexpr int kFastSoftmax = 4;
+    const auto kernel = (qn_math & kFastSoftmax) != 0 ? qn_fe_softmax_vf_vf : qn_nv_softmax_vf_vf;
+    kernel(static_cast<unsigned>(std::max(n, 0)), in, out);
+    return 0;
+}
+
+float DNN::dot_product(const float* x, const float* y, int n) {
+    float sum = 0.0F;
+    for (int i = 0; i < n; ++i) {
+        sum = fmaf(x[i], y[i], sum);
+    }
+    return sum;
+}
+
+int native_matrix_product(const float* A, int m, int n, const float* B, int p, int q, float* C) {
+    if (n != p) {
+        return -1;
+    }
+    if (q == 1) {
+        matrix_product_neon(A, m, n, B, p, q, C);
+        return 0;
+    }
+    for (std::ptrdiff_t i = 0; i < m; ++i) {
+        for (std::ptrdiff_t j = 0; j < q; ++j) {
+            float sum = 0.0F;
+            for (std::ptrdiff_t k = 0; k < n; ++k) {
+                sum = fmaf(A[i * n + k], B[k * q + j], sum);
+            }
+            C[i * q + j] = sum;
+        }
+    }
+    return 0;
+}
+
+void matrix_product_neon(const float* A, int m, int n, const float* x, int p, int /*q*/, float* y) {
+    const auto row = [&](int i) { return A + static_cast<std::ptrdiff_t>(i) * n; };
+    int i = 0;
+    for (; i + 4 <= m; i += 4) {
+        multiply_rows<4>(row(i), n, x, p, y + i);
+    }
+    for (; i < m; ++i) {
+        multiply_rows<1>(row(i), n, x, p, y + i);
+    }
+}
+
+void native_sigmod(const float* in, float* out, int n) {
+    for (int i = n - 1; i >= 0; --i) {
+        out[i] = static_cast<float>(1.0 / (1.0 + static_cast<double>(expf(-in[i]))));
+    }
+}
+
+float native_softmax(float /*x*/) { return 0.0F; }
+
+}  // namespace tz_dnnvad
