@@ -9,8 +9,8 @@ set -uf
 
 # What compiles the library.
 BUILD="cmake g++ libkissfft-dev libsimde-dev ninja-build pkg-config"
-# The host program reads recordings through libsndfile.
-DEMO="$BUILD libsndfile1-dev"
+# The host program reads recordings through libsndfile and converts rates with libsoxr.
+DEMO="$BUILD libsndfile1-dev libsoxr-dev"
 BENCH="$BUILD libbenchmark-dev"
 LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
 # The suite runs natively and on both emulated ARM targets. libc6-dev of a foreign architecture is
