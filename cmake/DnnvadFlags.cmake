@@ -26,6 +26,7 @@ if(CMAKE_SYSTEM_PROCESSOR MATCHES "^arm" AND CMAKE_SIZEOF_VOID_P EQUAL 4)
   else()
     message(FATAL_ERROR "DNNVAD_ARM_FPU is '${DNNVAD_ARM_FPU}'; it may be neon-vfpv4 or neon")
   endif()
+  add_compile_options(-Wno-psabi)  # notes on an ABI change of GCC 7
 endif()
 
 add_compile_options(-Wall -Wextra)
