@@ -1,0 +1,145 @@
+// The program as a user runs it: on the bundled recordings, and on files that are no recordings.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Result {
+    int status;
+    std::string output;
+};
+
+Result run(const std::string& arguments) {
+    FILE* const pipe = popen((DNNVAD_PROGRAM " " + arguments).c_str(), "r");
+    Result result{-1, ""};
+    char buffer[4096];
+    for (std::size_t got; (got = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
+        result.output.append(buffer, got);
+    }
+    result.status = WEXITSTATUS(pclose(pipe));
+    return result;
+}
+
+std::string source(const std::string& path) { return DNNVAD_SOURCE_DIR "/" + path; }
+
+std::string scratch(const std::string& name) { return testing::TempDir() + "dnnvad_" + name; }
+
+std::string read_file(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+struct Line {
+    double start, end, speech, last;
+    std::string reason;
+};
+
+// The program's table without its heading; a line of any other form fails the test.
+std::vector<Line> table(const std::string& output) {
+    std::istringstream lines(output);
+    std::string text;
+    std::getline(lines, text);
+    EXPECT_EQ(text, "   start      end   speech     last  ended by");
+    std::vector<Line> rows;
+    while (std::getline(lines, text)) {
+        std::istringstream fields(text);
+        Line row;
+        fields >> row.start >> row.end >> row.speech >> row.last;
+        EXPECT_TRUE(fields) << text;
+        std::getline(fields >> std::ws, row.reason);
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+class Recording : public testing::TestWithParam<const char*> {};
+
+TEST_P(Recording, HasTheUtterancesThatWereMarkedByHand) {
+    const std::string base = source("samples/") + GetParam();
+    const Result result = run(base + ".wav");
+    ASSERT_EQ(result.status, 0);
+    const std::vector<Line> rows = table(result.output);
+
+    std::ifstream marks(base + ".txt");
+    std::size_t count = 0;
+    for (double from, to; marks >> from >> to; ++count) {
+        ASSERT_LT(count, rows.size()) << result.output;
+        EXPECT_NEAR(rows[count].speech, from, 0.3);
+        EXPECT_NEAR(rows[count].last, to, 0.3);
+        EXPECT_LE(rows[count].start, rows[count].speech);
+        EXPECT_GE(rows[count].end, rows[count].last);
+    }
+    EXPECT_GT(count, 0U);
+    EXPECT_EQ(rows.size(), count) << result.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(Samples, Recording, testing::Values("roadsigns-8k", "stream-16k"));
+
+TEST(Program, WritesATextGridWhoseIntervalsTileTheRecording) {
+    const std::string path = scratch("tier.TextGrid");
+    ASSERT_EQ(run("--textgrid " + path + " " + source("samples/roadsigns-8k.wav")).status, 0);
+    std::istringstream text(read_file(path));
+    double begin = -1, end = -1, duration = -1, covered = 0;
+    int speech = 0;
+    for (std::string line; std::getline(text, line);) {
+        if (std::sscanf(line.c_str(), "xmax = %lf", &duration) == 1 ||
+            std::sscanf(line.c_str(), "            xmin = %lf", &begin) == 1) {
+            continue;
+        }
+        if (line.rfind("            xmax", 0) == 0 && std::sscanf(line.c_str(), " xmax = %lf", &end) == 1) {
+            EXPECT_EQ(begin, covered);
+            EXPECT_GT(end, begin);
+            covered = end;
+        }
+        speech += line == "            text = \"speech\"";
+    }
+    EXPECT_EQ(covered, duration);
+    EXPECT_EQ(speech, 3);
+}
+
+// The pause limit splits what the defaults hold together; a key that is absent keeps its default.
+TEST(Program, AppliesTheConfigurationFile) {
+    const std::string config = scratch("config");
+    std::ofstream(config) << "# quick\nPARAM_MAX_SP_PAUSE:20\nPARAM_START_BACK_FRAME:0\n";
+    const std::string recording = source("samples/roadsigns-8k.wav");
+    const Result plain = run(recording);
+    const Result quick = run("--config " + config + " " + recording);
+    ASSERT_EQ(quick.status, 0);
+    const std::vector<Line> rows = table(quick.output);
+    EXPECT_GT(rows.size(), table(plain.output).size());
+    ASSERT_FALSE(rows.empty());
+    EXPECT_EQ(rows[0].start, rows[0].speech);
+}
+
+TEST(Program, KeepsTheLibrarysLinesApart) {
+    const std::string config = scratch("verbose");
+    std::ofstream(config) << "PARAM_DEBUG_LOG:1\n";
+    const std::string arguments = "--verbose --config " + config + " " + source("samples/roadsigns-8k.wav");
+    EXPECT_EQ(table(run(arguments + " 2>/dev/null").output).size(), 3U);
+    EXPECT_NE(run(arguments + " 2>&1 >/dev/null").output.find("DEBUG:[dnnvad/"), std::string::npos);
+}
+
+TEST(Program, SaysWhatIsWrong) {
+    const std::string recording = source("samples/roadsigns-8k.wav");
+    const std::string text = source("README.md");
+    EXPECT_EQ(run("2>/dev/null").status, 2);
+    EXPECT_EQ(run("--nonsense 2>/dev/null").status, 2);
+    EXPECT_EQ(run("--help").status, 0);
+    for (const std::string& arguments :
+         {text, std::string("/nonexistent.wav"), "--model " + text + " " + recording,
+          "--config /nonexistent " + recording, "--textgrid /nonexistent/x " + recording}) {
+        const Result result = run(arguments + " 2>&1 >/dev/null");
+        EXPECT_EQ(result.status, 1) << arguments;
+        EXPECT_EQ(result.output.rfind("dnnvad: ", 0), 0U) << arguments;
+    }
+    EXPECT_EQ(run(recording + " >/dev/full 2>/dev/null").status, 1);
+}
+
+}  // namespace
