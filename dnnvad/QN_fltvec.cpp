@@ -83,8 +83,7 @@ void qn_nv_muladd_vffvf_vf(unsigned n, const float* a, float s, const float* b, 
 }
 
 int qn_findexp_f_i(float x) {
-    const double exponent = std::ceil(static_cast<double>(logf(std::fabs(x))) * 1.442695040888963);
-    return truncate_to_int(static_cast<float>(exponent));
+    return truncate_to_int(std::ceil(static_cast<double>(logf(std::fabs(x))) * 1.442695040888963));
 }
 
 void qn_swapb_vd_vd(unsigned n, const double* in, double* out) {

@@ -51,7 +51,7 @@ float* zeroed_aligned_floats(std::size_t count) {
 // within each row is the same for any number of rows.
 template <int Rows>
 void multiply_rows(const float* A, int stride, const float* x, int length, float* y) {
-    const int whole = length & ~3;
+    const int whole = std::max(length, 0) & ~3;
     float32x4_t lanes[Rows];
     for (auto& row : lanes) {
         row = vdupq_n_f32(0.0F);
@@ -183,8 +183,9 @@ bool DNN::read_vector(File& file, const char* token, const char* name, float*& v
         VAD_ERROR("error:%s Dim:%d _feat_dim:%d not equal\n\n", name, dim, _feat_dim);
         return false;
     }
+    // calloc, which refuses a size that overflows (32-bit processors).
     vector = _feat_dim < 0 ? nullptr
-                           : static_cast<float*>(std::malloc(static_cast<std::size_t>(_feat_dim) * sizeof(float)));
+                           : static_cast<float*>(std::calloc(static_cast<std::size_t>(_feat_dim), sizeof(float)));
     if (vector == nullptr) {
         VAD_ERROR("failed to read %s\n", name);
         return false;
@@ -226,6 +227,10 @@ bool DNN::allocate_layers() {
     _biases = static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
     if (_weights == nullptr || _biases == nullptr) {
         VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
+        return false;
+    }
+    if (transitions == 0 && _layer_size[0] < 0) {
+        VAD_ERROR("DNN init memory new failure maxlayerSize:%d!\n\n", _layer_size[0]);
         return false;
     }
     long long total = 0;
@@ -285,9 +290,12 @@ void DNN::set_network(const float* params, int param_num) {
 }
 
 // Returns how many parameters the layers hold. Of a shorter block the missing ones are left as they
-// are (0 after loading).
+// are (0 after loading). Without complete buffers there is nothing to copy to.
 int DNN::copy_parameters(const float* params, int param_num) {
     int position = 0;
+    if (_out_buf == nullptr || _tmp_buf == nullptr) {
+        return position;
+    }
     const auto copy = [&](float* block, int size) {
         const int present = std::min(size, std::max(param_num - position, 0));
         std::copy_n(params + std::min(position, std::max(param_num, 0)), present, block);
