@@ -111,6 +111,11 @@ int CMFE::allocate_rings() {
     const long long frames = _m_n_buf_frames;
     // The size printed for the input ring is that of 16 kHz at any rate: kept.
     const long long printed = frames * _m_n_frame_shift_16k * 2;
+    // An earlier model may have raised the shift under a buffer length set for the lower one.
+    if (frames * _m_n_frame_shift > std::numeric_limits<int>::max()) {
+        VAD_ERROR("_m_p_data malloc[%lld] Failed\n", printed);
+        return kNoMemory;
+    }
     int error = 0;
     if ((error = allocate(_m_p_frame_state, frames, "_m_p_frame_state")) != 0 ||
         (error = allocate(_m_p_data, frames * _m_n_frame_shift, "_m_p_data", printed)) != 0 ||

@@ -113,7 +113,7 @@ int CMFE::mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen) {
         _m_n_out_end = _m_n_samples_in;
     }
     *iLen = hand_out(pDataOut, iMaxLen);
-    if (only_speech && _m_n_status == kEnded) {
+    if (_m_b_speech_only && _m_n_status == kEnded) {
         _m_n_out_end = _m_n_speech_end_sample;
     }
     _m_n_out_begin = _m_n_out_end;
@@ -129,7 +129,7 @@ int CMFE::hand_out(char* out, int capacity) {
         count = capacity / 2;
         _m_n_out_begin = saturate_to_int(_m_n_out_end - count);
     }
-    if (count <= 0 || _m_p_data == nullptr) {
+    if (count <= 0 || _m_n_ring_samples == 0) {
         return 0;
     }
     const int samples = static_cast<int>(count);

@@ -231,6 +231,9 @@ void CMFE::mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, floa
         return;
     }
     const float* const spectrum = _m_p_feat_translator->get_fft_feature();
+    if (spectrum == nullptr) {
+        return;
+    }
     const float* const row[3] = {log_buff, log_buff + dim, log_buff + 2 * dim};
     std::copy_n(spectrum, dim, log_buff + (frame % nsmooth) * dim);
     const auto average = [&](int j) {
