@@ -18,6 +18,7 @@ RATE = 8000
 SCENE = 30  # seconds
 MARGIN = 10  # frames kept around the speech of a clip
 SPEEDS = ((1, 1), (1, 1), (10, 9), (10, 11), (20, 19), (20, 21))  # (up, down)
+NOISE_SPEEDS = ((1, 1), (1, 1), (3, 2), (4, 3), (6, 5), (8, 9), (5, 6), (3, 4), (2, 3))
 REVERBERANT = {"fillets-ng-data-cs": 25.0}  # packages whose clips carry their own room
 
 
@@ -25,7 +26,7 @@ class Sources:
     """The clips of one split, by kind, drawn so that no single package dominates."""
 
     def __init__(self, work, held_out):
-        self.samples = None
+        self.varied = not held_out  # measure on sounds as they were recorded
         records, self.samples = load_clips(work)
         records = [r for r in records if r["held_out"] == held_out]
         self.voices, self.noise, self.music = {}, {}, []
@@ -46,6 +47,15 @@ class Sources:
     def load(self, record):
         start = record["start"]
         return self.samples[start:start + record["length"]].astype(np.float32)
+
+    def vary(self, rng, clip):
+        """Another sound from the same recording: faster, slower, backwards. Not for speech."""
+        if not self.varied:
+            return clip
+        up, down = NOISE_SPEEDS[rng.integers(len(NOISE_SPEEDS))]
+        if up != down:
+            clip = resample_poly(clip, up, down).astype(np.float32)
+        return clip[::-1].copy() if rng.random() < 0.3 else clip
 
     def voice(self, rng):
         return self.voices[rng.choice(self.voice_names, p=self.voice_weights)]
@@ -128,11 +138,12 @@ def speech_track(rng, sources, n, augment=True):
 def clip_bed(rng, sources, n):
     """A track of noise recordings: a long one looped, or short ones scattered."""
     bed = np.zeros(n, np.float32)
-    choices = [sources.noise_clip(rng) for _ in range(rng.integers(1, 4))]
+    choices = [sources.vary(rng, sources.load(sources.noise_clip(rng)))
+               for _ in range(rng.integers(1, 4))]
     dense = rng.random() < 0.6
     at = 0
     while at < n:
-        clip = sources.load(choices[rng.integers(len(choices))])
+        clip = choices[rng.integers(len(choices))]
         clip = synth.shaped(clip[:n] / max(active_rms(clip), 1.0), 0.01)
         end = min(n, at + len(clip))
         bed[at:end] += clip[:end - at] * 10 ** (rng.normal(0, 3) / 20)
@@ -145,10 +156,11 @@ def clip_bed(rng, sources, n):
 
 def music_bed(rng, sources, n):
     clip = sources.load(sources.music[rng.integers(len(sources.music))])
-    if len(clip) > n:
-        start = rng.integers(len(clip) - n)
-        return clip[start:start + n].copy()
-    return np.resize(clip, n)
+    longest = 2 * n  # before the speed is changed
+    if len(clip) > longest:
+        start = rng.integers(len(clip) - longest)
+        clip = clip[start:start + longest]
+    return np.resize(sources.vary(rng, clip), n)
 
 
 def babble(rng, sources, n):

@@ -35,12 +35,12 @@ def scores(posteriors):
     """Smoother's score per frame of one stream."""
     speech = posteriors[:, FIRST_SPEECH:].astype(np.float32)
     sums = np.zeros_like(speech)
-    for back in range(AVERAGE):
+    for back in range(min(AVERAGE, len(speech))):
         sums[back:] += speech[:len(speech) - back]
     count = np.minimum(np.arange(1, len(speech) + 1), AVERAGE)[:, None]
     means = sums / count
     maxima = means.copy()
-    for back in range(1, MAXIMUM):
+    for back in range(1, min(MAXIMUM, len(means))):
         np.maximum(maxima[back:], means[:len(means) - back], out=maxima[back:])
     with np.errstate(divide="ignore"):
         return np.exp((1 + np.log(maxima).sum(axis=1)) / (CLASSES - FIRST_SPEECH))
