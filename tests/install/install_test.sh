@@ -1,7 +1,7 @@
 #!/bin/bash
 # Tests what `cmake --install` leaves behind, as a host would meet it.
 #
-#   install_test.sh install|headers|find_package|pkg_config|exports
+#   install_test.sh install|headers|find_package|pkg_config|exports|program RECORDING
 #
 # The environment (set in CMakeLists.txt) names CMAKE, GENERATOR, BUILD_DIR, CXX, CXX_FLAGS, NM,
 # TOOLCHAIN_FILE, EMULATOR and LIBDIR. The first test installs; the others look at what is there.
@@ -62,6 +62,18 @@ case $1 in
       [[ $name == tz_*::*::* ]] && grep -qw -- "${name##*::}" "$work/headers.txt" ||
         die "exported, but not part of the interface: $name"
     done
+    ;;
+  program)
+    # The installed program works with the model installed beside it, and with no other.
+    model=$tree/share/dnnvad/vad8k.bin
+    lines=$($EMULATOR "$tree/bin/dnnvad" "$2" | wc -l) || die "the program failed"
+    [ "$lines" -gt 1 ] || die "no speech was found"
+    mv "$model" "$model.away"
+    : > "$model"
+    status=0
+    $EMULATOR "$tree/bin/dnnvad" "$2" >/dev/null 2>&1 || status=$?
+    mv "$model.away" "$model"
+    [ $status = 1 ] || die "the program does not read the installed model"
     ;;
   *) die "unknown test '$1'" ;;
 esac
