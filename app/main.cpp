@@ -195,7 +195,8 @@ int main(int argc, char** argv) {
     } catch (const std::exception& error) {
         status = fail(options.file, error.what());
     }
-    if (std::fclose(output) != 0) {
+    const bool written = std::ferror(output) == 0;
+    if (std::fclose(output) != 0 || !written) {
         return fail("standard output", "cannot be written");
     }
     return status;
