@@ -20,7 +20,7 @@ for preset; do
   { cmake --preset "$preset" --log-level=WARNING >/dev/null && cmake --build --preset "$preset"; } ||
     { broken=$((broken + 1)); summary+="$preset: the build failed"$'\n'; continue; }
   built=$SECONDS
-  ctest --preset "$preset" -j "$jobs" --progress --output-junit "$report"
+  ctest --preset "$preset" -j "$jobs" --output-junit "$report"
   status=$?
   if [ ! -s "$report" ]; then
     broken=$((broken + 1)); summary+="$preset: no test ran"$'\n'; continue
