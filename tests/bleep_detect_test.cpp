@@ -53,6 +53,7 @@ TEST(BleepModel, BrokenFiles) {
     const Loaded short_template("0 1", 4);
     EXPECT_EQ(short_template.result, 0);
     EXPECT_EQ(short_template.pattern, (std::vector<char>{0, 1, 1, 1, 1, 1}));
+    EXPECT_EQ(Loaded("", 4).pattern, std::vector<char>(6, static_cast<char>(-1)));
     const Loaded odd_weight("1 0 1 0 1 1 5 x 6", 1);
     EXPECT_EQ(odd_weight.result, 0);
     EXPECT_EQ(odd_weight.weights, (std::vector<float>{5.0F, kUntouched, kUntouched, kUntouched}));
@@ -95,15 +96,16 @@ TEST(BleepScore, MarginNarrowsWithTheRange) {
     const auto cells_on = [&](float floor, float margin) {
         scene.margin = margin;
         std::fill(scene.spectrogram.begin(), scene.spectrogram.end(), floor);
-        scene.at(1, 0) = 0.0F;
+        scene.at(1, 0) = -15.0F;
         scene.at(1, 1) = -7.0F;
         scene.at(1, 2) = -8.0F;
-        scene.spectrogram.back() = -15.0F;  // the cell after the rows counts
+        scene.spectrogram.back() = 0.0F;  // the cell after the rows counts
         scene.score();
         return std::count(scene.binary.begin(), scene.binary.end(), 1);
     };
     EXPECT_EQ(cells_on(-60.0F, -15.0F), 3);  // exactly the margin below is off
-    EXPECT_EQ(cells_on(-90.0F, -15.5F), 4);
+    EXPECT_EQ(cells_on(-60.0F, -15.5F), 4);
+    EXPECT_EQ(cells_on(-90.0F, -7.5F), 2);
     EXPECT_EQ(cells_on(-30.0F, -15.0F), 2);
     EXPECT_EQ(cells_on(-60.0F, 1.0F), 0);
     std::fill(scene.spectrogram.begin(), scene.spectrogram.end(), 5.0F);  // flat: all off
@@ -123,6 +125,14 @@ TEST(BleepScore, TiesAndTheLastOffset) {
     scene.at(3, 2) = scene.at(5, 4) = scene.at(7, 5) = 0.0F;  // nothing fits: offset 0
     scene.score();
     EXPECT_EQ(scene.embedding, std::vector<float>(6, 0.0F));
+}
+
+TEST(BleepScore, CountsEveryCellOfAFullTemplate) {
+    Scene scene(17, 256, 15);
+    std::fill_n(scene.spectrogram.begin(), 256, -100.0F);  // all on but row 0
+    std::fill(scene.pattern.begin(), scene.pattern.end(), 1);
+    scene.score();
+    EXPECT_EQ(scene.embedding, std::vector<float>(254, 15.0F));
 }
 
 TEST(BleepScore, RowsThatAreMissingCountAsEmpty) {

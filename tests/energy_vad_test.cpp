@@ -223,6 +223,8 @@ TEST(EnergyVad, FailuresChangeNothingElse) {
     EXPECT_EQ(vad.vad_get_data(nullptr, -1), -1);
     vad.exit();
     vad.exit();
+    vad.data_ready = true;
+    EXPECT_EQ(take(vad, 80), Samples());
     vad.max_frame_len = 90;
     fails(longer.data(), -3);
     vad.free();
