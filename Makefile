@@ -6,6 +6,7 @@
 #   make bench              time the library, natively and on ARM
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
+#   make format             format the sources in place
 #   make clean
 
 PREFIX ?= /usr/local
@@ -14,7 +15,7 @@ MODEL ?= models/vad8k.bin
 
 export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
-.PHONY: demo test bench install lint clean dist
+.PHONY: demo test bench install lint format clean dist
 
 demo: dist
 	@for recording in samples/*.wav; do \
@@ -38,6 +39,10 @@ install: dist
 lint:
 	@scripts/setup.sh lint
 	@scripts/lint.sh
+
+format:
+	@scripts/setup.sh lint
+	git ls-files -z "*.cpp" "*.h" | xargs -0 clang-format-14 -i
 
 clean:
 	rm -rf build
