@@ -190,7 +190,8 @@ TEST(Head, FormWithoutSpectrumPrintsAndAppendsEnergy) {
     const std::string lines = printed([&] {
         EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, out.data(), length, options), 0);
         EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, with_spectrum.data(), length, options,
-                                    spectrum.data(), 128), 0);
+                                    spectrum.data(), 128),
+                  0);
     });
     EXPECT_EQ(lines, "use pcm process\n");
     EXPECT_EQ(length, 77);
@@ -242,8 +243,9 @@ TEST(Concat, FailuresAndOddDimensions) {
             concat.reset();
         });
     };
-    EXPECT_EQ(message(26, 100), std::string(kPrefix) + "ConcatFeatureTranslator init dstDim:100 "
-                                                       "srcDim:26 not exact division\n\n");
+    EXPECT_EQ(message(26, 100), std::string(kPrefix) +
+                                    "ConcatFeatureTranslator init dstDim:100 "
+                                    "srcDim:26 not exact division\n\n");
     EXPECT_NE(message(0, 4).find("not exact"), std::string::npos);
     EXPECT_EQ(message(-1, INT_MIN), std::string(kPrefix) +
                                         "ConcatFeatureTranslator init srcDim:-2147483648 feature "
@@ -266,21 +268,20 @@ TEST(Cmvn, NormalisesOrRefuses) {
     EXPECT_EQ(Floats(cmvn.dstFeature, cmvn.dstFeature + 3), (Floats{6, 2, 0.5F}));
     EXPECT_EQ(cmvn.translate(x.data(), 2, 0), -1);
 
-    EXPECT_EQ(printed([&] {
-                  CMVNFeatureTranslator uneven(26, 40, mean.data(), reverse.data());
-                  PCM2FeatureTranslator head(200, 26, 40, 3800, 26, 128, true);
-                  head.next = &uneven;
-                  EXPECT_EQ(head.getState(), 1);
-                  EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), -1);
-              }),
-              std::string(kPrefix) +
-                  "CMVNFeatureTranslator init srcDim:26 dstDim:40 not equal!\n\n");
+    EXPECT_EQ(
+        printed([&] {
+            CMVNFeatureTranslator uneven(26, 40, mean.data(), reverse.data());
+            PCM2FeatureTranslator head(200, 26, 40, 3800, 26, 128, true);
+            head.next = &uneven;
+            EXPECT_EQ(head.getState(), 1);
+            EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), -1);
+        }),
+        std::string(kPrefix) + "CMVNFeatureTranslator init srcDim:26 dstDim:40 not equal!\n\n");
     EXPECT_EQ(printed([&] {
                   CMVNFeatureTranslator negative(-3, -3, mean.data(), reverse.data());
                   EXPECT_EQ(negative.getState(), 1);
               }),
-              std::string(kPrefix) +
-                  "CMVNFeatureTranslator init srcDim:-3. memory new error!\n\n");
+              std::string(kPrefix) + "CMVNFeatureTranslator init srcDim:-3. memory new error!\n\n");
 }
 
 TEST(Chain, CarriesFramesResetsAndStates) {
@@ -325,8 +326,7 @@ TEST(Head, FailedAllocations) {
                   EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), 0);
                   EXPECT_EQ(head.dstFeature[25], -15.942385F);
               }),
-              std::string(kPrefix) +
-                  "init pcm2featuretranslator malloc fft feature fftDim:-4\n");
+              std::string(kPrefix) + "init pcm2featuretranslator malloc fft feature fftDim:-4\n");
 }
 
 }  // namespace

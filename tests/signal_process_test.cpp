@@ -426,8 +426,9 @@ TEST(FilterBank, OddDesignsStayInBounds) {
 }
 
 TEST(LogSpectrum, EqualsTheLibraryFunctionEverywhere) {
-    Floats power = {0.0F, 1.0F, 0.99999994F, 1.0000001F, 1e-45F, 1.17549435e-38F, 1e-20F, 3e38F,
-                    std::numeric_limits<float>::infinity()};
+    Floats power = {0.0F,       1.0F,   0.99999994F,
+                    1.0000001F, 1e-45F, 1.17549435e-38F,
+                    1e-20F,     3e38F,  std::numeric_limits<float>::infinity()};
     std::mt19937 generator(14);
     for (int i = 0; i < 200000; ++i) {
         // Even over the exponents, then thick around magnitude 1, where the result is near 0.
@@ -457,10 +458,11 @@ TEST(Cepstral, RegressionOfSequences) {
         for (int t = 0; t < frames; ++t) {
             for (int i = 0; i < dim; ++i) {
                 const bool regression = i >= 13 && i < 26;
-                const double expected =
-                    regression ? (at(t + 1, i - 13) - at(t - 1, i - 13) +
-                                  2.0 * (at(t + 2, i - 13) - at(t - 2, i - 13))) / 10.0
-                               : at(t, i);
+                const double expected = regression
+                                            ? (at(t + 1, i - 13) - at(t - 1, i - 13) +
+                                               2.0 * (at(t + 2, i - 13) - at(t - 2, i - 13))) /
+                                                  10.0
+                                            : at(t, i);
                 EXPECT_NEAR(data[static_cast<std::size_t>(t * dim + i)], expected, 1e-6);
             }
         }

@@ -24,12 +24,7 @@ float* allocate_floats(int count) {
 }  // namespace
 
 FeatureTranslator::FeatureTranslator(int srcDim_, int dstDim_)
-    : srcDim(srcDim_),
-      dstDim(dstDim_),
-      fftFeature(nullptr),
-      fftDim(0),
-      state(0),
-      next(nullptr) {}
+    : srcDim(srcDim_), dstDim(dstDim_), fftFeature(nullptr), fftDim(0), state(0), next(nullptr) {}
 
 FeatureTranslator::~FeatureTranslator() = default;
 

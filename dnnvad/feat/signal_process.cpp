@@ -126,15 +126,15 @@ void set_slopes(FBankInfo& fb, float low_edge) {
 // Layout of fftBuffer, in floats (n = fftN, at least 8):
 //
 //      0 .. 3            length header of x in element 3
-//      4 .. n + 3        x[1 .. n]: transform input, then spectrum
-//      n + 4 .. 2n + 7   transform output of n + 2, then the powers of the n / 2 bins
+//      4 .. n + 3        x[1 .. n], the spectrum's bins 0 .. n / 2 - 1
+//      n + 4 .. n + 7    the last bin, which the transform writes and nobody reads
+//      n + 8 .. 2n + 7   the zero-padded frame, then the powers of the n / 2 bins
 int padded_length(const FBankInfo& fb) { return std::max<int>(fb.fftN, kMinFftLength); }
 
-float* transform_output(const FBankInfo& fb) { return fb.fftBuffer + 4 + padded_length(fb); }
+float* frame_space(const FBankInfo& fb) { return fb.fftBuffer + 8 + padded_length(fb); }
 
 void make_transform(FBankInfo& fb) {
-    const std::size_t length = static_cast<std::size_t>(padded_length(fb));
-    const std::size_t total = 2 * length + 8;
+    const std::size_t total = 2 * static_cast<std::size_t>(padded_length(fb)) + 8;
     fb.fftBuffer = aligned_floats(total);
     assert(fb.fftBuffer);
     std::fill_n(fb.fftBuffer, total, 0.0F);
@@ -145,32 +145,36 @@ void make_transform(FBankInfo& fb) {
     }
 }
 
-// x[1 .. fftN]: samples in, bins 0 .. fftN / 2 - 1 out.
-void transform(FBankInfo& fb) {
-    float* x = fb.x;
+// The first fftN / 2 bins of `in`, as (re, im) pairs.
+void transform(const FBankInfo& fb, const float* in, float* bins) {
     if (fb.fftN == 2) {
-        x[1] = x[1] + x[2];
-        x[2] = 0.0F;
+        bins[0] = in[0] + in[1];
+        bins[1] = 0.0F;
     } else if (fb.fftN == 4) {
-        const float sum = (x[1] + x[3]) + (x[2] + x[4]);
-        const float re = x[1] - x[3];
-        const float im = x[4] - x[2];
-        x[1] = sum;
-        x[2] = 0.0F;
-        x[3] = re;
-        x[4] = im;
+        bins[0] = (in[0] + in[2]) + (in[1] + in[3]);
+        bins[1] = 0.0F;
+        bins[2] = in[0] - in[2];
+        bins[3] = in[3] - in[1];
     } else {
-        float* output = transform_output(fb);
-        real_fft_forward(fb.fftPlan, x + 1, output);
-        std::copy_n(output, fb.fftN, x + 1);
+        real_fft_forward(fb.fftPlan, in, bins);
     }
 }
 
-// The power re^2 + im^2 of bins 0 .. fftN / 2 - 1, in the space of the transform's output.
-const float* bin_powers(const FBankInfo& fb) {
+// Steps common to both forms: from the windowed frame through the spectrum in x to the power
+// re^2 + im^2 of each bin.
+float* analyse(const float* s, const FBankInfo& fb) {
+    const int samples = std::max<int>(fb.frameSize, 0);
+    float* frame = frame_space(fb);
+    std::copy_n(s + 1, samples, frame);
+    std::fill(frame + samples, frame + fb.fftN, 0.0F);
+    if (fb.fftN != 256) {
+        std::printf("info->fftN %d\n", fb.fftN);
+    }
+    float* bins = fb.x + 1;
+    transform(fb, frame, bins);
+
+    float* power = frame;
     const int half = fb.fftN / 2;
-    const float* bins = fb.x + 1;
-    float* power = transform_output(fb);
     for (int j = 0; j < half; j += 4) {  // the shortest spectra are padded with zeros
         const float32x4x2_t pair = vld2q_f32(bins + 2 * static_cast<std::ptrdiff_t>(j));
         vst1q_f32(power + j, vaddq_f32(vmulq_f32(pair.val[0], pair.val[0]),
@@ -179,36 +183,31 @@ const float* bin_powers(const FBankInfo& fb) {
     return power;
 }
 
-// Steps common to both forms: from the windowed frame to the powers of its bins.
-const float* analyse(const float* s, FBankInfo& fb) {
-    float* x = fb.x;
-    const int samples = std::max<int>(fb.frameSize, 0);
-    std::copy_n(s + 1, samples, x + 1);
-    std::fill(x + 1 + samples, x + 1 + fb.fftN, 0.0F);
-    if (fb.fftN != 256) {
-        std::printf("info->fftN %d\n", fb.fftN);
-    }
-    transform(fb);
-    return bin_powers(fb);
-}
-
-// Sums the bins into the channels and takes the logs.
-void sum_channels(const FBankInfo& fb, const float* power, float* fbank) {
-    for (int k = fb.klo; k <= fb.khi; ++k) {
-        const float energy = fb.usePower ? power[k - 1] : sqrtf(power[k - 1]);
-        const int c = fb.loChan[k];
-        const float lower = fb.loWt[k] * energy;
-        if (c > 0 && c <= fb.numChans) {
-            fbank[c] += lower;
+// Sums energy[klo - 1 .. khi - 1] into the channels, which are zero before.
+void sum_channels(const FBankInfo& fb, const float* energy, float* fbank) {
+    const int channels = fb.numChans;
+    const int end = fb.khi;
+    const std::int16_t* channel = fb.loChan;
+    const float* weight = fb.loWt;
+    // c is the channel on whose upper slope the bins lie, c + 1 the one on its lower slope.
+    int c = 0;
+    float falling = 0.0F;
+    float rising = 0.0F;
+    for (int k = fb.klo;;) {
+        for (; k <= end && channel[k] == c; ++k) {
+            const float lower = weight[k] * energy[k - 1];
+            falling += lower;
+            rising += energy[k - 1] - lower;
         }
-        if (c < fb.numChans) {
-            fbank[c + 1] += energy - lower;
+        if (c >= 1 && c <= channels) {
+            fbank[c] = falling;
         }
-    }
-    if (fb.takeLogs) {
-        for (int i = 1; i <= fb.numChans; ++i) {
-            fbank[i] = logf(fbank[i] < kEnergyFloor ? kEnergyFloor : fbank[i]);
+        if (c > channels) {
+            return;
         }
+        ++c;
+        falling = rising;
+        rising = 0.0F;
     }
 }
 
@@ -295,11 +294,20 @@ void wave_2_fbank(float* s, float* fbank, FBankInfo* info, float* fftFeature, in
     assert(info->numChans == (int)(*fbank));
     // clang-format on
     std::fill_n(fbank + 1, std::max<int>(info->numChans, 0), 0.0F);
-    const float* power = analyse(s, *info);
+    float* energy = analyse(s, *info);
+    const int half = info->fftN / 2;
     if (fftFeature != nullptr && fftDim > 0) {
-        write_log_spectrum(power, info->fftN / 2, fftFeature, fftDim);
+        write_log_spectrum(energy, half, fftFeature, fftDim);
     }
-    sum_channels(*info, power, fbank);
+    if (!info->usePower) {
+        std::transform(energy, energy + half, energy, sqrtf);
+    }
+    sum_channels(*info, energy, fbank);
+    if (info->takeLogs) {
+        for (int i = 1; i <= info->numChans; ++i) {
+            fbank[i] = logf(fbank[i] < kEnergyFloor ? kEnergyFloor : fbank[i]);
+        }
+    }
 }
 
 }  // namespace tz_dnnvad

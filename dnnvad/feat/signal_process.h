@@ -79,8 +79,7 @@ struct DNNVAD_API FBankInfo {
     Boolean usePower;  // 1: channels sum power |X|^2; 0: magnitude |X|
     Boolean takeLogs;  // 1: channels are natural logs; may be changed between frames
 
-    // The record's own, not for hosts: transform plan (null for fftN below 8) and the storage of x
-    // and of the transform's output.
+    // The record's own, not for hosts: transform plan (null for fftN below 8) and work space.
     RealFft* fftPlan;
     float* fftBuffer;
 };

@@ -33,6 +33,28 @@ float frame_energy(const float* s, int length) {
     return sum / static_cast<float>(length);
 }
 
+// A header vector for one frame: on the stack up to Size elements, else from the heap. A negative
+// length gives a vector without data.
+template <int Size>
+class ScratchVector {
+public:
+    explicit ScratchVector(int length) {
+        float* block = inline_;
+        if (length > Size) {
+            heap_ = make_aligned_floats(static_cast<std::size_t>(length) + kHeaderVectorPad);
+            assert(heap_);
+            block = heap_.get();
+        }
+        vector_ = header_vector(block, length);
+    }
+    float* get() { return vector_; }
+
+private:
+    alignas(16) float inline_[Size + kHeaderVectorPad];
+    AlignedFloats heap_;
+    float* vector_;
+};
+
 // The steps that both forms share; a null fftFeature leaves the spectrum out.
 void one_frame(const float* pcm, int nSamples, float* out, FeOption& options, float* fftFeature,
                int fftDim) {
@@ -41,13 +63,10 @@ void one_frame(const float* pcm, int nSamples, float* out, FeOption& options, fl
     const int length = std::max<int>(options.frameLength, 0);
     const int channels = std::max<int>(options.numChans, 0);
 
-    const AlignedFloats frame =
-        make_aligned_floats(static_cast<std::size_t>(length) + kHeaderVectorPad);
-    const AlignedFloats bank =
-        make_aligned_floats(static_cast<std::size_t>(channels) + kHeaderVectorPad);
-    assert(frame && bank);
-    float* s = header_vector(frame.get(), options.frameLength);
-    float* fbank = header_vector(bank.get(), options.numChans);
+    ScratchVector<kWideBand.frame_length> frame(options.frameLength);
+    ScratchVector<64> bank(options.numChans);
+    float* s = frame.get();
+    float* fbank = bank.get();
     const int given = std::clamp(nSamples, 0, length);
     std::copy_n(pcm, given, s + 1);
     std::fill(s + 1 + given, s + 1 + length, 0.0F);
