@@ -11,6 +11,7 @@
 
 #include "dnnvad/aligned.h"
 #include "dnnvad/arch/float4.h"
+#include "dnnvad/arch/fused.h"
 #include "dnnvad/saturate.h"
 #include "dnnvad/vad_log.h"
 
@@ -47,31 +48,43 @@ float* zeroed_aligned_floats(std::size_t count) {
     return floats;
 }
 
+// ((lane0 + lane1) + (lane2 + lane3)) of each of four rows.
+float32x4_t sum_lanes(float32x4_t row0, float32x4_t row1, float32x4_t row2, float32x4_t row3) {
+    // From two vectors a and b: (a0 + a1, a2 + a3, b0 + b1, b2 + b3).
+    const auto add_pairs = [](float32x4_t a, float32x4_t b) {
+        const float32x4x2_t parted = vuzpq_f32(a, b);
+        return vaddq_f32(parted.val[0], parted.val[1]);
+    };
+    return add_pairs(add_pairs(row0, row1), add_pairs(row2, row3));
+}
+
 // `Rows` rows of A at once against x, so that the additions of different rows overlap; the order
-// within each row is the same for any number of rows.
+// within each row is the same for any number of rows. The loops over rows are unrolled so that the
+// lane sums stay in registers.
 template <int Rows>
 void multiply_rows(const float* A, int stride, const float* x, int length, float* y) {
-    const int whole = std::max(length, 0) & ~3;
-    float32x4_t lanes[Rows];
-    for (auto& row : lanes) {
-        row = vdupq_n_f32(0.0F);
-    }
-    for (int k = 0; k < whole; k += 4) {
-        const float32x4_t values = vld1q_f32(x + k);
-        for (int r = 0; r < Rows; ++r) {
-            const float* row = A + static_cast<std::ptrdiff_t>(r) * stride;
-            lanes[r] = vaddq_f32(lanes[r], vmulq_f32(vld1q_f32(row + k), values));
-        }
-    }
+    static_assert(Rows % 4 == 0);
+    const float* row[Rows];
+    float32x4_t lanes[Rows] = {};
+#pragma GCC unroll 8
     for (int r = 0; r < Rows; ++r) {
-        const float* row = A + static_cast<std::ptrdiff_t>(r) * stride;
-        float tail = 0.0F;
-        for (int k = whole; k < length; ++k) {
-            tail = fmaf(row[k], x[k], tail);
+        row[r] = A + static_cast<std::ptrdiff_t>(r) * stride;
+    }
+    const int tail = std::max(length, 0) % 4;
+    for (const float* const end = x + (std::max(length, 0) - tail); x < end; x += 4) {
+        const float32x4_t values = vld1q_f32(x);
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            lanes[r] = add_product(lanes[r], vld1q_f32(row[r]), values);
+            row[r] += 4;
         }
-        y[r] = ((vgetq_lane_f32(lanes[r], 0) + vgetq_lane_f32(lanes[r], 1)) +
-                (vgetq_lane_f32(lanes[r], 2) + vgetq_lane_f32(lanes[r], 3))) +
-               tail;
+    }
+#pragma GCC unroll 8
+    for (int r = 0; r < Rows; r += 4) {
+        const float32x4_t tails =
+            fused_products(row[r], row[r + 1], row[r + 2], row[r + 3], x, tail);
+        vst1q_f32(y + r,
+                  vaddq_f32(sum_lanes(lanes[r], lanes[r + 1], lanes[r + 2], lanes[r + 3]), tails));
     }
 }
 
@@ -395,11 +408,16 @@ int native_matrix_product(const float* A, int m, int n, const float* B, int p, i
 void matrix_product_neon(const float* A, int m, int n, const float* x, int p, int /*q*/, float* y) {
     const auto row = [&](int i) { return A + static_cast<std::ptrdiff_t>(i) * n; };
     int i = 0;
+    for (; i + 8 <= m; i += 8) {
+        multiply_rows<8>(row(i), n, x, p, y + i);
+    }
     for (; i + 4 <= m; i += 4) {
         multiply_rows<4>(row(i), n, x, p, y + i);
     }
     for (; i < m; ++i) {
-        multiply_rows<1>(row(i), n, x, p, y + i);
+        float same[4];
+        multiply_rows<4>(row(i), 0, x, p, same);
+        y[i] = same[0];
     }
 }
 

@@ -11,4 +11,18 @@
 #endif
 #include <simde/arm/neon.h>
 
+namespace tz_dnnvad {
+
+// sum + a * b, rounded twice. 32-bit ARM has one instruction for it; elsewhere what is called
+// multiply-accumulate may be fused.
+inline float32x4_t add_product(float32x4_t sum, float32x4_t a, float32x4_t b) {
+#if defined(__arm__)
+    return vmlaq_f32(sum, a, b);
+#else
+    return vaddq_f32(sum, vmulq_f32(a, b));
+#endif
+}
+
+}  // namespace tz_dnnvad
+
 #endif
