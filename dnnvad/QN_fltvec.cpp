@@ -12,10 +12,14 @@ int qn_math = 0;
 
 namespace {
 
-// Beyond this the exponent bits of a double would run out.
-constexpr float kFastExpLimit = 700.0F;
-
-bool in_fast_range(float x) { return x > -kFastExpLimit && x < kFastExpLimit; }
+// Whether |x| < 700: beyond that the exponent bits of a double would run out. Without the sign, bit
+// patterns are in the order of magnitudes, NaNs on top; integers are compared cheaply everywhere.
+bool in_fast_range(float x) {
+    constexpr std::uint32_t kLimit = 0x442F0000;  // 700
+    std::uint32_t bits;
+    std::memcpy(&bits, &x, sizeof bits);
+    return (bits & 0x7FFFFFFF) < kLimit;
+}
 
 // e^x for |x| < 700: x / ln 2 lands in the exponent field of a double's high word; the constant
 // 60801 centres the error of the linear mantissa.
@@ -26,6 +30,8 @@ double fast_exp(double x) {
     std::memcpy(&value, &bits, sizeof value);
     return value;
 }
+
+float sigmoid_from_exp(double e) { return static_cast<float>(1.0 / (e + 1.0)); }
 
 // Softmax over any exponential: subtract the maximum, exponentiate, scale by one reciprocal.
 template <typename Exp>
@@ -53,10 +59,20 @@ void softmax(unsigned n, const float* in, float* out, Exp exponential) {
 }  // namespace
 
 void qn_fe_sigmoid_vf_vf(unsigned n, const float* in, float* out) {
+    unsigned outside = 0;
+    for (unsigned i = 0; i < n; ++i) {
+        outside += in_fast_range(in[i]) ? 0 : 1;
+    }
+    if (outside == 0) {  // the usual case: no branch in the loop, so that it can be vectorised
+        for (unsigned i = 0; i < n; ++i) {
+            out[i] = sigmoid_from_exp(fast_exp(-static_cast<double>(in[i])));
+        }
+        return;
+    }
     for (unsigned i = 0; i < n; ++i) {
         const float x = in[i];
-        const double e = in_fast_range(x) ? fast_exp(-static_cast<double>(x)) : static_cast<double>(expf(-x));
-        out[i] = static_cast<float>(1.0 / (e + 1.0));
+        out[i] = sigmoid_from_exp(in_fast_range(x) ? fast_exp(-static_cast<double>(x))
+                                                   : static_cast<double>(expf(-x)));
     }
 }
 
