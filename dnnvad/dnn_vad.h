@@ -410,17 +410,17 @@ private:
     int hand_out(char* out, int capacity);
 
     // Steps of mfeDNNDetect.
-    struct Frame;
     int detect_pass_through();
     bool begin_pass();
-    Frame gather_frame(int index);
+    void gather_frame(int frame);
     template <typename Sample>
     void read_model_ring(long long position, int count, Sample* samples);
     int frame_state(int frame);
     bool compute_posteriors(int count, int frame);
-    bool transition(const Frame& frame, int state);
-    bool silence_transition(const Frame& frame);
-    void gate_with_energy(const Frame& frame);
+    bool transition(int f, int state);
+    bool silence_transition(int f);
+    void gate_with_energy(int f);
+    int frame_energy() const;
     void end_of_speech(int frame);
     bool is_bleep();
     int margin_end();

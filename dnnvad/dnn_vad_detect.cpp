@@ -54,12 +54,6 @@ constexpr int kPatternFrames = 15;   // template rows
 
 }  // namespace
 
-// One frame on its way through a pass.
-struct CMFE::Frame {
-    int index;
-    int energy;  // sum of |sample|
-};
-
 // ---- The pass -------------------------------------------------------------------------------------
 
 int CMFE::mfeDNNDetect() {
@@ -76,7 +70,7 @@ int CMFE::mfeDNNDetect() {
         return mfeReturnStatus(0);
     }
     for (int f = _m_n_cur_frame; f < _m_n_frames_avail; ++f) {
-        const Frame frame = gather_frame(f);
+        gather_frame(f);
         const int state = frame_state(f);
         if (_m_n_bleep_detect != 0) {
             mfeSaveFFT(f, kSpecSmooth, kSpecFrames, _m_p_spec_log_buff, _m_p_spec_log_smooth_cur_frame,
@@ -87,7 +81,7 @@ int CMFE::mfeDNNDetect() {
         }
         _m_p_frame_state[ring::index(f, _m_n_ring_frames)] = static_cast<unsigned char>(state);
         // A time-out or an end of speech leaves the rest of the pass unscored.
-        if (transition(frame, state)) {
+        if (transition(f, state)) {
             return mfeReturnStatus(0);
         }
         mfeAdjustPauseThreshold(f - _m_n_speech_start);
@@ -143,13 +137,8 @@ void CMFE::read_model_ring(long long position, int count, Sample* samples) {
     ring::read(ring, ring == _m_p_data ? _m_n_ring_samples : _m_n_ring_samples8k, position, count, samples);
 }
 
-CMFE::Frame CMFE::gather_frame(int index) {
-    read_model_ring(1LL * index * model_shift(), frame_length(), _m_p_frame_samples);
-    Frame frame{index, 0};
-    for (int i = 0; i < frame_length(); ++i) {
-        frame.energy += std::abs(static_cast<int>(_m_p_frame_samples[i]));
-    }
-    return frame;
+void CMFE::gather_frame(int frame) {
+    read_model_ring(1LL * frame * model_shift(), frame_length(), _m_p_frame_samples);
 }
 
 // The state of the gathered frame: from the network, or silence while the energy detector gates.
@@ -250,10 +239,9 @@ void CMFE::mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, floa
 // ---- The state machine ----------------------------------------------------------------------------
 
 // Moves the status by one frame; true ends the pass.
-bool CMFE::transition(const Frame& frame, int state) {
-    const int f = frame.index;
+bool CMFE::transition(int f, int state) {
     if (state == kSil2Sil) {
-        return silence_transition(frame);
+        return silence_transition(f);
     }
     ++_m_n_speech_frames;
     switch (state) {
@@ -280,10 +268,10 @@ bool CMFE::transition(const Frame& frame, int state) {
     return false;
 }
 
-bool CMFE::silence_transition(const Frame& frame) {
+bool CMFE::silence_transition(int f) {
     ++_m_n_sil_frames;
-    gate_with_energy(frame);
-    const int silence = frame.index - _m_n_last_speech;
+    gate_with_energy(f);
+    const int silence = f - _m_n_last_speech;
     const bool speech_seen = _m_n_last_speech != 0;
     if (silence > (speech_seen ? _m_n_max_wait : _m_n_head_sil)) {
         _m_n_max_speech_pause = _m_n_cfg_max_speech_pause;
@@ -295,7 +283,7 @@ bool CMFE::silence_transition(const Frame& frame) {
     } else if (_m_n_last_status == kEnded) {
         _m_n_status = kEnded;
     } else if (silence > _m_n_max_speech_pause) {
-        end_of_speech(frame.index);
+        end_of_speech(f);
         return true;
     } else if (silence > _m_n_end_back_frame) {
         _m_n_out_end = margin_end();
@@ -308,12 +296,21 @@ bool CMFE::silence_transition(const Frame& frame) {
     return false;
 }
 
+// The sum of |sample| of the gathered frame.
+int CMFE::frame_energy() const {
+    int energy = 0;
+    for (int i = 0; i < frame_length(); ++i) {
+        energy += std::abs(static_cast<int>(_m_p_frame_samples[i]));
+    }
+    return energy;
+}
+
 // In a long and quiet silence the energy detector takes over from the network.
-void CMFE::gate_with_energy(const Frame& frame) {
-    if (_m_n_evad_switch != 0 && frame.index - _m_n_last_speech > _m_n_evad_sil_frames &&
-        frame.index - _m_n_evad_on_frame > kGatingPause && frame.energy < _m_n_evad_energy &&
-        _m_n_evad_active != 1) {
-        _m_n_evad_on_frame = frame.index;
+void CMFE::gate_with_energy(int f) {
+    if (_m_n_evad_switch != 0 && f - _m_n_last_speech > _m_n_evad_sil_frames &&
+        f - _m_n_evad_on_frame > kGatingPause && _m_n_evad_active != 1 &&
+        frame_energy() < _m_n_evad_energy) {
+        _m_n_evad_on_frame = f;
         _m_n_evad_active = 1;
     }
 }
