@@ -5,48 +5,32 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
-#include <complex>
-#include <cstdio>
-#include <functional>
-#include <random>
 #include <string>
 #include <vector>
+
+#include "plain_dsp.h"
+#include "test_support.h"
 
 namespace {
 
 using namespace tz_dnnvad;
 using Floats = std::vector<float>;
+using test::printed;
 
-// What `call` prints, without the line numbers of its log prefixes.
-std::string printed(const std::function<void()>& call) {
-    testing::internal::CaptureStdout();
-    call();
-    std::fflush(stdout);
-    std::string text = testing::internal::GetCapturedStdout();
-    const std::size_t colon = text.find(".cpp:");
-    if (colon != std::string::npos) {
-        text.erase(colon + 5, text.find(']') - colon - 5);
-    }
-    return text;
-}
+const std::string kPrefix = "ERROR:[dnnvad/feat/feature_translate.cpp:]";
 
-const char* const kPrefix = "ERROR:[dnnvad/feat/feature_translate.cpp:]";
-
-// A tone in noise, rounded to 16-bit values.
+// A tone in noise around an offset, rounded to 16-bit values.
 Floats recording(std::size_t samples, double cycles_per_sample, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::normal_distribution<double> noise(200.0, 600.0);
-    Floats values;
+    Floats values = plain::noise(samples, seed, 600.0);
     for (std::size_t i = 0; i < samples; ++i) {
-        const double phase = 6.283185307179586 * cycles_per_sample * static_cast<double>(i);
-        values.push_back(
-            static_cast<float>(std::round(6000.0 * std::sin(phase) + noise(generator))));
+        const double phase = 2.0 * plain::kPi * cycles_per_sample * static_cast<double>(i);
+        values[i] = std::round(values[i] + static_cast<float>(200.0 + 6000.0 * std::sin(phase)));
     }
     return values;
 }
 
-// The head's steps from their textbook definitions, in double precision: magnitudes of the bins.
-std::vector<double> magnitudes(const Floats& pcm, bool narrow) {
+// The bins of a frame after the head's own steps.
+std::vector<plain::Complex> plain_spectrum(const Floats& pcm, bool narrow) {
     std::vector<double> s(pcm.begin(), pcm.end());
     if (narrow) {
         double mean = 0.0;
@@ -60,37 +44,11 @@ std::vector<double> magnitudes(const Floats& pcm, bool narrow) {
             s[i] -= 0.97 * (i > 0 ? s[i - 1] : s[0]);
         }
     }
-    const double n = narrow ? 256.0 : 512.0;
-    std::vector<double> result;
-    for (double k = 0; k < n / 2; ++k) {
-        std::complex<double> bin = 0.0;
-        for (std::size_t i = 0; i < s.size(); ++i) {
-            const double t = static_cast<double>(i);
-            const double window =
-                0.54 - 0.46 * std::cos(6.283185307179586 * t / static_cast<double>(s.size() - 1));
-            bin += s[i] * window * std::polar(1.0, -6.283185307179586 * k * t / n);
-        }
-        result.push_back(std::abs(bin));
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        const double turn = static_cast<double>(i) / static_cast<double>(s.size() - 1);
+        s[i] *= 0.54 - 0.46 * std::cos(2.0 * plain::kPi * turn);
     }
-    return result;
-}
-
-double mel(double hertz) { return 1127.0 * std::log(1.0 + hertz / 700.0); }
-
-// Log energies of triangles on the mel scale over bins of 31.25 Hz.
-std::vector<double> log_energies(const std::vector<double>& magnitude, int channels, double low,
-                                 double high) {
-    const double width = (mel(high) - mel(low)) / (channels + 1);
-    std::vector<double> result;
-    for (int c = 1; c <= channels; ++c) {
-        double sum = 0.0;
-        for (std::size_t j = 1; j < magnitude.size(); ++j) {
-            const double place = (mel(31.25 * static_cast<double>(j)) - mel(low)) / width;
-            sum += std::max(0.0, 1.0 - std::abs(place - c)) * magnitude[j] * magnitude[j];
-        }
-        result.push_back(std::log(sum));
-    }
-    return result;
+    return plain::dft(s, narrow ? 256 : 512, -1.0);
 }
 
 TEST(Head, AgreesWithDefinitionInBothLayouts) {
@@ -102,17 +60,17 @@ TEST(Head, AgreesWithDefinitionInBothLayouts) {
         PCM2FeatureTranslator head(samples, channels, 40, high, channels, bins, narrow);
         ASSERT_EQ(head.getState(), 2);
         Floats pcm = recording(static_cast<std::size_t>(samples), 0.0731, 1);
-        const std::string lines =
-            printed([&] { EXPECT_EQ(head.translate(pcm.data(), samples, 0), 0); });
-        EXPECT_EQ(lines, narrow ? "" : "info->fftN 512\n");
+        EXPECT_EQ(printed([&] { EXPECT_EQ(head.translate(pcm.data(), samples, 0), 0); }),
+                  narrow ? "" : "info->fftN 512\n");
 
-        const std::vector<double> magnitude = magnitudes(pcm, narrow);
-        const std::vector<double> expected = log_energies(magnitude, channels, 40.0, high);
-        for (std::size_t i = 0; i < expected.size(); ++i) {
-            EXPECT_NEAR(head.dstFeature[i], expected[i], 2e-4) << narrow << " channel " << i;
+        const std::vector<plain::Complex> spectrum = plain_spectrum(pcm, narrow);
+        const std::vector<double> energies =
+            plain::triangles(spectrum, narrow ? 8000.0 : 16000.0, channels, 40.0, high, true);
+        for (std::size_t i = 0; i < energies.size(); ++i) {
+            EXPECT_NEAR(head.dstFeature[i], std::log(energies[i]), 2e-4) << narrow << " " << i;
         }
-        for (std::size_t j = 0; j < magnitude.size(); ++j) {
-            EXPECT_NEAR(head.fftFeature[j], 10.0 * std::log10(magnitude[j]), 2e-3) << j;
+        for (std::size_t j = 0; j < spectrum.size() / 2; ++j) {
+            EXPECT_NEAR(head.fftFeature[j], 10.0 * std::log10(std::abs(spectrum[j])), 2e-3) << j;
         }
 
         Floats copy(static_cast<std::size_t>(bins));
@@ -125,15 +83,14 @@ TEST(Head, AgreesWithDefinitionInBothLayouts) {
     }
 }
 
-TEST(Head, SilenceConstantsAndShortFrames) {
+TEST(Head, SilenceConstantsAndOddLengths) {
     PCM2FeatureTranslator narrow(200, 26, 40, 3800, 26, 128, true);
     PCM2FeatureTranslator wide(400, 40, 40, 7600, 40, 256, false);
     Floats pcm(400);
     narrow.translate(pcm.data(), 200, 0);
     wide.translate(pcm.data(), 400, 0);
-    for (const float* feature : {narrow.dstFeature, wide.dstFeature}) {
-        EXPECT_TRUE(std::all_of(feature, feature + 26, [](float v) { return v == -15.942385F; }));
-    }
+    EXPECT_EQ(Floats(narrow.dstFeature, narrow.dstFeature + 26), Floats(26, -15.942385F));
+    EXPECT_EQ(Floats(wide.dstFeature, wide.dstFeature + 40), Floats(40, -15.942385F));
     EXPECT_EQ(wide.fftFeature[255], -100.0F);
     // Only the narrow band removes the mean.
     std::fill(pcm.begin(), pcm.end(), 1000.0F);
@@ -142,71 +99,87 @@ TEST(Head, SilenceConstantsAndShortFrames) {
     EXPECT_EQ(narrow.dstFeature[0], -15.942385F);
     EXPECT_GT(wide.dstFeature[0], 0.0F);
 
-    // Missing samples are zeros, superfluous ones are left alone; layouts may take turns.
+    // Missing samples are zeros, superfluous ones do not count; layouts may take turns.
     PCM2FeatureTranslator shorter(120, 26, 40, 3800, 26, 128, true);
     PCM2FeatureTranslator longer(300, 26, 40, 3800, 26, 128, true);
     Floats voice = recording(400, 0.05, 2);
     std::fill(voice.begin() + 120, voice.begin() + 200, 0.0F);
     narrow.translate(voice.data(), 200, 0);
     for (PCM2FeatureTranslator* other : {&shorter, &longer}) {
-        wide.translate(voice.data(), 400, 0);
+        wide.translate(pcm.data(), 400, 0);
         other->translate(voice.data(), 7, 0);
         EXPECT_TRUE(std::equal(other->dstFeature, other->dstFeature + 26, narrow.dstFeature));
         EXPECT_TRUE(std::equal(other->fftFeature, other->fftFeature + 128, narrow.fftFeature));
     }
 }
 
-TEST(Head, Options) {
+TEST(Head, OptionsOfBothLayouts) {
     for (const bool narrow : {true, false}) {
-        FeOption* options = init_fevad(-1, 3000, 12, narrow);
-        EXPECT_EQ(options->sampleRate, narrow ? 8000 : 16000);
-        EXPECT_EQ(options->frameLength, narrow ? 200 : 400);
-        EXPECT_EQ(options->frameShift, narrow ? 80 : 160);
-        EXPECT_EQ(options->lowFreq, -1);
-        EXPECT_EQ(options->highFreq, 3000);
-        EXPECT_EQ(options->numChans, 12);
-        EXPECT_EQ(options->narrowBand, narrow);
-        EXPECT_EQ(options->spareSetting1, 12);
-        EXPECT_EQ(options->spareSetting2, 22);
-        EXPECT_EQ(options->spareSetting3, 12);
-        EXPECT_EQ(options->spareSetting4, 3);
-        EXPECT_EQ(options->spareSetting5, 1);
-        EXPECT_EQ(options->appendEnergy, 0);
-        EXPECT_EQ(options->fbinfo->sampleRate, options->sampleRate);
-        EXPECT_EQ(options->fbinfo->frameShift, options->frameShift);
-        kill_fevad(options);
+        FeOption* opt = init_fevad(-1, 3000, 12, narrow);
+        const Floats fields(&opt->sampleRate, &opt->spareSetting3 + 1);
+        EXPECT_EQ(fields, narrow ? (Floats{8000, 200, 80, -1, 3000, 12, 12, 22, 12})
+                                 : (Floats{16000, 400, 160, -1, 3000, 12, 12, 22, 12}));
+        EXPECT_EQ(opt->narrowBand, narrow);
+        EXPECT_TRUE(opt->spareSetting4 == 3 && opt->spareSetting5 == 1 && opt->appendEnergy == 0);
+        EXPECT_EQ(opt->fbinfo->sampleRate, opt->sampleRate);
+        EXPECT_EQ(opt->fbinfo->frameShift, opt->frameShift);
+        Floats pcm(400);
+        Floats out(12);
+        int length = 77;
+        EXPECT_EQ(printed([&] { wav2cep_one_frame(pcm.data(), 400, out.data(), length, opt); }),
+                  narrow ? "use pcm process\n" : "info->fftN 512\n");
+        EXPECT_EQ(length, 77);
+        kill_fevad(opt);
     }
 }
 
-TEST(Head, FormWithoutSpectrumPrintsAndAppendsEnergy) {
-    FeOption* options = init_fevad(40, 3800, 26, true);
-    options->appendEnergy = 1;
-    options->fbinfo->takeLogs = 0;
+TEST(Head, EnergyAndLogs) {
+    FeOption* opt = init_fevad(40, 3800, 26, true);
+    opt->appendEnergy = 1;
+    opt->fbinfo->takeLogs = 0;
     Floats pcm = recording(200, 0.1, 3);
     Floats out(28, -1.0F);
     Floats with_spectrum(28, -1.0F);
     Floats spectrum(128);
     int length = 77;
-    const std::string lines = printed([&] {
-        EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, out.data(), length, options), 0);
-        EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, with_spectrum.data(), length, options,
+    printed([&] {
+        EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, out.data(), length, opt), 0);
+        EXPECT_EQ(wav2cep_one_frame(pcm.data(), 200, with_spectrum.data(), length, opt,
                                     spectrum.data(), 128),
                   0);
     });
-    EXPECT_EQ(lines, "use pcm process\n");
-    EXPECT_EQ(length, 77);
-    EXPECT_EQ(options->fbinfo->takeLogs, 1);
+    EXPECT_EQ(opt->fbinfo->takeLogs, 1);
     EXPECT_EQ(out, with_spectrum);
-    double energy = 200.0 * 200.0;
+    float sum = 200.0F * 200.0F;  // the header counts, the last sample does not
     for (std::size_t i = 0; i < 199; ++i) {
-        energy += static_cast<double>(pcm[i]) * pcm[i];
+        sum = std::fma(pcm[i], pcm[i], sum);
     }
-    EXPECT_NEAR(out[26] / (energy / 200.0), 1.0, 1e-5);
+    EXPECT_EQ(out[26], sum / 200.0F);
     EXPECT_EQ(out[27], -1.0F);
-    clear_fbank(options->fbinfo);
-    options->fbinfo = nullptr;
-    EXPECT_DEATH(wav2cep_one_frame(pcm.data(), 200, out.data(), length, options), "`fbinfo'");
-    kill_fevad(options);
+    clear_fbank(opt->fbinfo);
+    opt->fbinfo = nullptr;
+    EXPECT_DEATH(wav2cep_one_frame(pcm.data(), 200, out.data(), length, opt), "`fbinfo'");
+    kill_fevad(opt);
+}
+
+TEST(Head, FailedAllocations) {
+    Floats pcm(200);
+    EXPECT_EQ(printed([&] {
+                  PCM2FeatureTranslator head(200, -1, 40, 3800, 26, 128, true);
+                  EXPECT_EQ(head.getState(), 1);
+                  EXPECT_EQ(head.translate(pcm.data(), 200, 0), -1);
+              }),
+              kPrefix + "init pcm2featuretranslator malloc failure! dstDim:-1\n");
+    // Without its spectrum the head still works.
+    EXPECT_EQ(printed([&] {
+                  PCM2FeatureTranslator head(200, 26, 40, 3800, 26, -4, true);
+                  EXPECT_EQ(head.getState(), 2);
+                  EXPECT_EQ(head.translate(pcm.data(), 200, 0), 0);
+                  EXPECT_EQ(head.dstFeature[25], -15.942385F);
+              }),
+              kPrefix + "init pcm2featuretranslator malloc fft feature fftDim:-4\n");
+    PCM2FeatureTranslator narrower(200, 3, 40, 3800, 26, 128, true);  // more channels than room
+    EXPECT_EQ(narrower.translate(pcm.data(), 200, 0), 0);
 }
 
 TEST(Concat, StacksTheLastFramesOldestFirst) {
@@ -243,13 +216,14 @@ TEST(Concat, FailuresAndOddDimensions) {
             concat.reset();
         });
     };
-    EXPECT_EQ(message(26, 100), std::string(kPrefix) +
-                                    "ConcatFeatureTranslator init dstDim:100 "
-                                    "srcDim:26 not exact division\n\n");
-    EXPECT_NE(message(0, 4).find("not exact"), std::string::npos);
-    EXPECT_EQ(message(-1, INT_MIN), std::string(kPrefix) +
-                                        "ConcatFeatureTranslator init srcDim:-2147483648 feature "
-                                        "memory new failure\n\n");
+    EXPECT_EQ(message(26, 100),
+              kPrefix + "ConcatFeatureTranslator init dstDim:100 srcDim:26 not exact division\n\n");
+    EXPECT_EQ(message(0, 4),
+              kPrefix + "ConcatFeatureTranslator init dstDim:4 srcDim:0 not exact division\n\n");
+    EXPECT_EQ(message(-1, INT_MIN),
+              kPrefix +
+                  "ConcatFeatureTranslator init srcDim:-2147483648 feature memory new "
+                  "failure\n\n");
     for (const int src : {0, 3, -2}) {
         ConcatFeatureTranslator empty(src, src < 0 ? 4 : 0);
         Floats block(8);
@@ -258,37 +232,12 @@ TEST(Concat, FailuresAndOddDimensions) {
     }
 }
 
-TEST(Cmvn, NormalisesOrRefuses) {
-    Floats mean{1, 2, 3};
-    Floats reverse{2, 1, 0.5F};
-    CMVNFeatureTranslator cmvn(3, 3, mean.data(), reverse.data());
-    mean[0] = reverse[0] = 99;  // copied
-    Floats x{4, 4, 4};
-    EXPECT_EQ(cmvn.translate(x.data(), 3, 0), 0);
-    EXPECT_EQ(Floats(cmvn.dstFeature, cmvn.dstFeature + 3), (Floats{6, 2, 0.5F}));
-    EXPECT_EQ(cmvn.translate(x.data(), 2, 0), -1);
-
-    EXPECT_EQ(
-        printed([&] {
-            CMVNFeatureTranslator uneven(26, 40, mean.data(), reverse.data());
-            PCM2FeatureTranslator head(200, 26, 40, 3800, 26, 128, true);
-            head.next = &uneven;
-            EXPECT_EQ(head.getState(), 1);
-            EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), -1);
-        }),
-        std::string(kPrefix) + "CMVNFeatureTranslator init srcDim:26 dstDim:40 not equal!\n\n");
-    EXPECT_EQ(printed([&] {
-                  CMVNFeatureTranslator negative(-3, -3, mean.data(), reverse.data());
-                  EXPECT_EQ(negative.getState(), 1);
-              }),
-              std::string(kPrefix) + "CMVNFeatureTranslator init srcDim:-3. memory new error!\n\n");
-}
-
 TEST(Chain, CarriesFramesResetsAndStates) {
     PCM2FeatureTranslator head(200, 26, 40, 3800, 26, 128, true);
     Floats mean(26, 1.5F);
     Floats reverse(26, 0.25F);
     CMVNFeatureTranslator cmvn(26, 26, mean.data(), reverse.data());
+    mean[0] = reverse[0] = 99.0F;  // copied
     ConcatFeatureTranslator concat(26, 286);
     head.next = &cmvn;
     cmvn.next = &concat;
@@ -305,28 +254,32 @@ TEST(Chain, CarriesFramesResetsAndStates) {
         EXPECT_NE(out[260 + i], out[234 + i]);
         EXPECT_EQ(out[i], out[234 + i]);
     }
+    EXPECT_EQ(cmvn.translate(first.data(), 25, 0), -1);
     head.reset();
     EXPECT_EQ(concat.framesSeen, 0);
     concat.state = 1;
     EXPECT_EQ(head.getState(), 1);
     EXPECT_EQ(head.translate(first.data(), 200, 0), -1);
+    concat.state = 2;
+    head.state = 1;
+    EXPECT_EQ(head.getState(), 1);
 }
 
-TEST(Head, FailedAllocations) {
-    EXPECT_EQ(printed([] {
-                  PCM2FeatureTranslator head(200, -1, 40, 3800, 26, 128, true);
-                  EXPECT_EQ(head.getState(), 1);
-                  EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), -1);
-              }),
-              std::string(kPrefix) + "init pcm2featuretranslator malloc failure! dstDim:-1\n");
-    // Without its spectrum the head still works.
-    EXPECT_EQ(printed([] {
-                  PCM2FeatureTranslator head(200, 26, 40, 3800, 26, -4, true);
-                  EXPECT_EQ(head.getState(), 2);
-                  EXPECT_EQ(head.translate(Floats(200).data(), 200, 0), 0);
-                  EXPECT_EQ(head.dstFeature[25], -15.942385F);
-              }),
-              std::string(kPrefix) + "init pcm2featuretranslator malloc fft feature fftDim:-4\n");
+TEST(Cmvn, Failures) {
+    Floats vectors(200);
+    const auto message = [&](int src, int dst) {
+        return printed([&] {
+            CMVNFeatureTranslator cmvn(src, dst, vectors.data(), vectors.data());
+            PCM2FeatureTranslator head(200, 26, 40, 3800, 26, 128, true);
+            head.next = &cmvn;
+            EXPECT_EQ(head.getState(), 1);
+            EXPECT_EQ(head.translate(vectors.data(), 200, 0), -1);
+        });
+    };
+    EXPECT_EQ(message(26, 40),
+              kPrefix + "CMVNFeatureTranslator init srcDim:26 dstDim:40 not equal!\n\n");
+    EXPECT_EQ(message(-3, -3),
+              kPrefix + "CMVNFeatureTranslator init srcDim:-3. memory new error!\n\n");
 }
 
 }  // namespace
