@@ -191,7 +191,8 @@ public:
 
     // Hands out the audio that the latest detection released: detected speech with its margins, or
     // everything with "speech only" off. `iMaxLen` is the capacity in bytes, `iLen` receives the
-    // bytes written. Of a range that does not fit, the newest samples are kept.
+    // bytes written. Of a range that does not fit, the newest samples are kept. Call it once per
+    // detection: as long as the status says that speech has just begun, the start is handed out anew.
     // Returns 0, or -103 for a null pointer.
     int mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen);
 
