@@ -28,9 +28,7 @@ test:
 
 bench:
 	@scripts/setup.sh bench
-	cmake --preset bench
-	cmake --build --preset bench
-	build/bench/bench/dnnvad_bench
+	@bench/run.sh
 
 install: dist
 	cmake --install build/dist --prefix "$(PREFIX)"

@@ -11,17 +11,17 @@ set -uf
 BUILD="cmake g++ libkissfft-dev libsimde-dev ninja-build pkg-config"
 # The host program reads recordings through libsndfile and converts rates with libsoxr.
 DEMO="$BUILD libsndfile1-dev libsoxr-dev"
-BENCH="$BUILD libbenchmark-dev"
 LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
-# The suite runs natively and on both emulated ARM targets. libc6-dev of a foreign architecture is
-# not wanted: it conflicts with the cross compiler's own. Native packages that must be of the same
-# version as their foreign twins are named with them, so that apt raises both together.
-TEST="$DEMO libgtest-dev python3-minimal python3-numpy qemu-user util-linux
-      libc6 libstdc++6 libgcc-s1
-      g++-arm-linux-gnueabihf
-      libc6:armhf libstdc++6:armhf libgcc-s1:armhf libne10-dev:armhf libgtest-dev:armhf
-      g++-aarch64-linux-gnu
-      libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64 libne10-dev:arm64 libgtest-dev:arm64"
+# 32-bit ARM under the emulator. libc6-dev of a foreign architecture is not wanted: it conflicts with
+# the cross compiler's own. Native packages that must be of the same version as their foreign twins
+# are named with them, so that apt raises both together.
+ARMHF="qemu-user g++-arm-linux-gnueabihf libne10-dev:armhf
+       libc6 libstdc++6 libgcc-s1 libc6:armhf libstdc++6:armhf libgcc-s1:armhf"
+BENCH="$BUILD $ARMHF libbenchmark-dev"
+# The suite runs natively and on both emulated ARM targets.
+TEST="$DEMO $ARMHF libgtest-dev libgtest-dev:armhf python3-minimal python3-numpy util-linux
+      g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
+      libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64"
 
 list_only=no
 if [ "${1-}" = --list ]; then
