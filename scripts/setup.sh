@@ -45,11 +45,12 @@ if [ $list_only = yes ]; then
   exit 0
 fi
 
-# Prints the packages of "$@" that are not installed.
+# Prints the packages of "$@" that are not installed. A name without an architecture means ours.
 missing_of() {
-  local installed name
-  installed=$(dpkg-query -W -f='${db:Status-Abbrev}${Package} ${db:Status-Abbrev}${Package}:${Architecture}\n' \
-                2>/dev/null | sed -n 's/^ii \([^ ]*\) ii \(.*\)$/\1\n\2/p')
+  local native installed name
+  native=$(dpkg --print-architecture)
+  installed=$(dpkg-query -W -f='${db:Status-Abbrev}${Package}:${Architecture}\n' 2>/dev/null |
+                sed -n "s/^ii //; s/:\($native\|all\)\$//p; /:/p")
   for name; do
     printf '%s\n' "$installed" | grep -qxF -e "$name" || echo "$name"
   done
