@@ -52,14 +52,16 @@ def crossfade(pieces, overlap):
 
 
 def quiet_pieces(x, rate):
-    """The stretches before and after the speech of a short clip, by level."""
-    block = rate // 50
-    level = np.sqrt(np.mean(x[:len(x) // block * block].reshape(-1, block) ** 2, axis=1))
-    loud = np.flatnonzero(level > 4 * np.percentile(level, 5))
-    if len(loud) == 0:
-        return []
-    pieces = [x[:max(0, loud[0] - 2) * block], x[(loud[-1] + 4) * block:]]
-    return [piece for piece in pieces if len(piece) >= rate // 8]
+    """The stretches of at least 0.1 s in which a recording stays near its own noise floor.
+
+    Judged above the rumble; breaths and the tails of words are louder than that.
+    """
+    block = rate // 100
+    high = np.diff(x, prepend=x[0])
+    level = np.sqrt(np.mean(high[:len(x) // block * block].reshape(-1, block) ** 2, axis=1))
+    quiet = np.concatenate([[0], level < 1.8 * np.percentile(level, 5), [0]]).astype(int)
+    edges = np.flatnonzero(np.diff(quiet)).reshape(-1, 2)
+    return [x[start * block:end * block] for start, end in edges if end - start >= 10]
 
 
 def road_signs(packages):
@@ -71,15 +73,14 @@ def road_signs(packages):
     room = []
     for path in sorted(glob.glob(os.path.join(glob.escape(packages), package, "**", "roadsigns",
                                               "*_desc_da.ogg"), recursive=True)):
-        room += [piece for piece in quiet_pieces(read(path, rate), rate)
-                 if np.std(piece) < 0.009]
+        room += quiet_pieces(read(path, rate), rate)
     # Noise played backwards is noise that has not been heard before.
-    tone = crossfade(room + [piece[::-1] for piece in room], rate // 25)
+    tone = crossfade(room + [piece[::-1] for piece in room] + room[::-2], rate // 50)
     out, at = [], 0
-    for clip, pause in zip(clips, (1.2, 1.5, 1.5)):
+    for clip, pause in zip(clips, (1.2, 1.5, 1.6)):
         out += [tone[at:at + int(pause * rate)], clip]
         at += int(pause * rate)
-    out.append(tone[at:at + int(1.6 * rate)])
+    out.append(tone[at:at + int(1.5 * rate)])
     soundfile.write(os.path.join(HERE, "roadsigns-8k.wav"), crossfade(out, rate // 50), rate,
                     subtype="PCM_16")
 
@@ -99,7 +100,8 @@ def stream(packages):
         sys.exit("the stream is too short")
     water = water[2 * rate:]  # the recording fades in
     level = np.sqrt(np.mean(np.concatenate(clips) ** 2))
-    water = water[:len(voice)] / np.sqrt(np.mean(water[:len(voice)] ** 2)) * level * 10 ** (-15 / 20)
+    water = water[:len(voice)]
+    water = water / np.sqrt(np.mean(water ** 2)) * level * 10 ** (-15 / 20)
     mixture = voice + water
     soundfile.write(os.path.join(HERE, "stream-16k.wav"), 0.5 * mixture / np.abs(mixture).max(),
                     rate, subtype="PCM_16")

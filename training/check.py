@@ -5,6 +5,7 @@ import subprocess
 import sys
 
 import numpy as np
+import soundfile
 
 import features
 import network
@@ -99,8 +100,9 @@ def report(work, model, name="heldout"):
             line = {"false_starts_per_hour": starts / hours,
                     "speech_frames_percent": 100 * speech[where].mean()}
         else:
-            figures = [f for s in scenes for f in utterance_figures(
-                speech[s * per_scene:(s + 1) * per_scene], truth[s * per_scene:(s + 1) * per_scene])]
+            pieces = [slice(s * per_scene, (s + 1) * per_scene) for s in scenes]
+            figures = [f for piece in pieces
+                       for f in utterance_figures(speech[piece], truth[piece])]
             onset = [o for o, _ in figures if o is not None and o >= 0]
             tail = [t for _, t in figures if t is not None]
             missed = sum(o is None for o, _ in figures)
@@ -132,7 +134,27 @@ def report(work, model, name="heldout"):
     return result
 
 
+def session_report(work, model, program, name="heldout"):
+    """Print how many utterances per hour the host program finds in speech-free scenes."""
+    with open(os.path.join(work, name + ".json")) as file:
+        abouts = json.load(file)
+    scenes = np.memmap(os.path.join(work, name + ".s16"), np.int16, "r").reshape(-1, SCENE * RATE)
+    found = {}
+    recording = os.path.join(work, "scene.wav")
+    for scene, about in zip(scenes, abouts):
+        if about["group"] in BEDS:
+            soundfile.write(recording, scene, RATE, subtype="PCM_16")
+            table = subprocess.run([program, "--model", model, recording], check=True,
+                                   capture_output=True, text=True).stdout
+            utterances = sum(line.split()[0][0].isdigit() for line in table.splitlines() if line)
+            found.setdefault(about["group"], []).append(utterances)
+    for group, counts in found.items():
+        print(f"{group:>10}  utterances_per_hour {np.mean(counts) * 3600 / SCENE:.4g}")
+
+
 if __name__ == "__main__":
-    if len(sys.argv) != 3:
-        sys.exit("usage: check.py WORK MODEL")
-    report(sys.argv[1], sys.argv[2])
+    if len(sys.argv) not in (3, 4):
+        sys.exit("usage: check.py WORK MODEL [PROGRAM]   (PROGRAM: the built dnnvad)")
+    report(*sys.argv[1:3])
+    if len(sys.argv) == 4:
+        session_report(*sys.argv[1:])

@@ -90,8 +90,10 @@ RULES = [
     Rule(r"warzone2100-data", r"audio/sfx/misc/", "skip"),
     Rule(r"warzone2100-data", r"audio/(sfx|multi|radclick)/", "noise"),
     # Effects.
+    Rule(r"ufoai-sound", r"/(tv_newswav|radiomessage|aliencom|basealert)\.", "skip"),
     Rule(r"ufoai-sound", r"/(ambience|doors|footsteps|impact|misc|seq|ugv|ui|weapons|geoscape)/",
          "noise"),
+    Rule(r"openarena-data", r"/(nightmare|1shot_greg|x_drowning)", "skip"),
     Rule(r"openarena-data", r"sound/(items|misc|movers|weapons|feedback|player/footsteps"
          r"|world/(?!new|.*ominous|.*forbidden))", "noise"),
     Rule(r"hydrogen-drumkits-effects", r"", "noise"),

@@ -19,7 +19,8 @@ def fetch(work, packages=PACKAGES):
         for old in os.listdir(debs):
             if old.startswith(name + "_"):
                 os.remove(os.path.join(debs, old))
-        subprocess.run(["apt-get", "-o", "APT::Sandbox::User=root", "download", "-qq", name], cwd=debs, check=True)
+        subprocess.run(["apt-get", "-o", "APT::Sandbox::User=root", "download", "-qq", name],
+                       cwd=debs, check=True)
         deb = next(f for f in os.listdir(debs) if f.startswith(name + "_"))
         partial = target + ".partial"
         shutil.rmtree(partial, ignore_errors=True)

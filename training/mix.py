@@ -66,7 +66,7 @@ class Sources:
 
 
 def active_rms(x):
-    """Level of the louder part of a signal: the rms of its 100 ms blocks within 20 dB of the top."""
+    """Level of the louder part of a signal: the rms of the 100 ms blocks within 20 dB of the top."""
     blocks = x[:len(x) // 800 * 800].reshape(-1, 800) if len(x) >= 800 else x[None, :]
     power = np.mean(blocks.astype(np.float64) ** 2, axis=1)
     loud = power[power >= power.max() * 0.01]

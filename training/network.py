@@ -50,7 +50,7 @@ def states(score, start=THRESHOLD, end=THRESHOLD):
     """True per frame while the smoother is in speech (from the frame that enters it)."""
     inside, out = False, np.zeros(len(score), bool)
     if start == end:
-        # One threshold: >= enters, <= leaves; they differ only for a score of exactly the threshold.
+        # They differ only for a score of exactly the threshold, which enters and leaves.
         return score >= start
     for number, value in enumerate(score):
         inside = value > end if inside else value >= start

@@ -18,9 +18,9 @@ def main():
     parser.add_argument("stage", nargs="*", help="default: all")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "training"))
     parser.add_argument("--model", default=os.path.join(ROOT, "models", "vad8k.bin"))
-    parser.add_argument("--scenes", type=int, default=3600, help="training scenes of 30 s")
+    parser.add_argument("--scenes", type=int, default=4400, help="training scenes of 30 s")
     parser.add_argument("--held-out", type=int, default=288, help="scenes for measuring")
-    parser.add_argument("--steps", type=int, default=10000)
+    parser.add_argument("--steps", type=int, default=12000)
     parser.add_argument("--threads", type=int, default=1)
     arguments = parser.parse_args()
     stages = arguments.stage or STAGES

@@ -24,6 +24,9 @@ HIDDEN = 64
 OUTPUT_BOUND = 4.7  # no logit leaves +-4.7, so no posterior falls below exp(-9.4) / 8 = 1.03e-5
 WHITENING_FLOOR = 0.01  # added to the eigenvalues of the stacked features' covariance
 SMOOTHING = 0.02
+SPEECH_SHARE = 0.6  # of the crops come from scenes with speech
+HARD_SHARE = 0.5  # of the others come from where the network last took something for speech
+HARD_EVERY = 2000  # steps between searches for such places
 
 
 class FastSigmoid(torch.autograd.Function):
@@ -109,14 +112,23 @@ class Crops:
     def __init__(self, work, name, mean, reverse_variance):
         frames = features.load(work, name)
         self.per_scene = SCENE * RATE // SHIFT
-        self.scenes = len(frames) // self.per_scene
         self.frames = torch.empty(len(frames), features.DIMENSION)
         for start in range(0, len(frames), 1 << 18):
             piece = (frames[start:start + (1 << 18)] - mean) * reverse_variance
             self.frames[start:start + len(piece)] = torch.from_numpy(piece)
         marks = np.fromfile(os.path.join(work, name + ".marks"), np.uint8)
         self.marks = torch.from_numpy(marks)
+        with_speech = marks.reshape(-1, self.per_scene).any(axis=1)
+        self.speech_scenes = np.flatnonzero(with_speech)
+        self.other_scenes = np.flatnonzero(~with_speech)
+        with open(os.path.join(work, name + ".json")) as file:
+            crowd = np.array(["babble" in about["kinds"] for about in json.load(file)])
+        # A crowd is speech after all: searching there would find little else.
+        self.searched_scenes = np.flatnonzero(~with_speech & ~crowd)
+        self.hard = np.zeros((0, 2), np.int64)  # (first frame of a crop, frames taken for speech)
         self.length = CROP + WARM + network.CONTEXT - 1
+        # The last two frames of a scene reach into the next one.
+        self.room = self.per_scene - 2 - self.length
 
     def stacked(self, index):
         """[batch, time] frame numbers -> [batch, time - 10, 286]."""
@@ -124,11 +136,30 @@ class Crops:
         return windows.permute(0, 1, 3, 2).reshape(*windows.shape[:2], -1)
 
     def draw(self, rng, batch):
-        # The last two frames of a scene reach into the next one.
-        begin = rng.integers(0, self.per_scene - 2 - self.length, batch)
-        starts = begin + self.per_scene * rng.integers(0, self.scenes, batch)
+        """(stacked features, marks) of `batch` crops."""
+        share = rng.random(batch)
+        scenes = np.where(share < SPEECH_SHARE, rng.choice(self.speech_scenes, batch),
+                          rng.choice(self.other_scenes, batch))
+        starts = scenes * self.per_scene + rng.integers(0, self.room, batch)
+        if len(self.hard):
+            weights = np.sqrt(self.hard[:, 1])
+            chosen = self.hard[rng.choice(len(self.hard), batch, p=weights / weights.sum()), 0]
+            starts = np.where(share > 1 - HARD_SHARE * (1 - SPEECH_SHARE), chosen, starts)
         index = torch.from_numpy(starts)[:, None] + torch.arange(self.length)
         return self.stacked(index), self.marks[index[:, self.length - CROP:]].float()
+
+    def find_hard(self, net):
+        """Note where the network takes speech-free scenes for speech, or nearly."""
+        places = []
+        with torch.no_grad():
+            for scene in self.searched_scenes:
+                first = scene * self.per_scene
+                index = first + torch.arange(self.per_scene - 2)[None]
+                near = log_score(net(self.stacked(index)))[0] > np.log(0.7 * network.THRESHOLD)
+                blocks = near[:len(near) // 128 * 128].reshape(-1, 128).sum(dim=1).numpy()
+                for block in np.flatnonzero(blocks):
+                    places.append((first + min(block * 128, self.room - 1), blocks[block]))
+        self.hard = np.array(places, np.int64).reshape(-1, 2)
 
 
 def whitening(crops, rng):
@@ -140,8 +171,8 @@ def whitening(crops, rng):
     return centre.numpy(), matrix.numpy()
 
 
-def train(work, steps=10000, batch=20, rate=8e-3, seed=5, name="train", threads=1):
-    """Train on work/NAME and return (mean, reverse variance, layers); checkpoints every 1000 steps."""
+def train(work, steps=12000, batch=20, rate=8e-3, seed=5, name="train", threads=1):
+    """Train on work/NAME, with checkpoints: (mean, reverse variance, layers)."""
     torch.set_num_threads(threads)
     torch.manual_seed(seed)
     rng = np.random.default_rng(seed)
@@ -152,7 +183,7 @@ def train(work, steps=10000, batch=20, rate=8e-3, seed=5, name="train", threads=
     schedule = torch.optim.lr_scheduler.LambdaLR(
         optimiser, lambda step: min(1, (step + 1) / 200) * 0.5 * (1 + np.cos(np.pi * step / steps)))
     checkpoint, start = os.path.join(work, "checkpoint.pt"), 0
-    settings = [steps, batch, rate, seed, name, crops.scenes]
+    settings = [steps, batch, rate, seed, name, len(crops.marks)]
     if os.path.exists(checkpoint):
         saved = torch.load(checkpoint)
         if saved["settings"] == settings:
@@ -160,6 +191,7 @@ def train(work, steps=10000, batch=20, rate=8e-3, seed=5, name="train", threads=
             optimiser.load_state_dict(saved["optimiser"])
             schedule.load_state_dict(saved["schedule"])
             rng.bit_generator.state, start = saved["rng"], saved["step"]
+            crops.hard = saved["hard"]
     log, begun, running = [], time.time(), 0.0
     for step in range(start, steps):
         stacked, marks = crops.draw(rng, batch)
@@ -170,6 +202,10 @@ def train(work, steps=10000, batch=20, rate=8e-3, seed=5, name="train", threads=
         optimiser.step()
         schedule.step()
         running += loss.item()
+        if step % HARD_EVERY == HARD_EVERY - 1 and step + 1 < steps:
+            crops.find_hard(net)
+            print(f"train: {crops.hard[:, 1].sum() / 100:.0f} s of speech-free scenes taken for "
+                  f"speech, or nearly", flush=True)
         if step % 200 == 199:
             log.append([step + 1, running / 200])
             print(f"train {step + 1}/{steps} loss {running / 200:.4f} "
@@ -178,7 +214,7 @@ def train(work, steps=10000, batch=20, rate=8e-3, seed=5, name="train", threads=
         if step % 1000 == 999:
             torch.save({"settings": settings, "net": net.state_dict(), "step": step + 1,
                         "optimiser": optimiser.state_dict(), "schedule": schedule.state_dict(),
-                        "rng": rng.bit_generator.state}, checkpoint)
+                        "rng": rng.bit_generator.state, "hard": crops.hard}, checkpoint)
     with open(os.path.join(work, "train-log.json"), "w") as file:
         json.dump(log, file)
     return mean, reverse_variance, net.layers()
