@@ -1,6 +1,6 @@
 #include <algorithm>
-#include <cstring>
 
+#include "dnnvad/arch/float4.h"
 #include "dnnvad/dnn_vad.h"
 #include "dnnvad/ring.h"
 #include "dnnvad/saturate.h"
@@ -29,6 +29,8 @@ namespace {
 
 constexpr int kBlock = 80;         // input samples per block
 constexpr int kHalf = kBlock / 2;  // output samples per block
+constexpr int kFeedforward = 20;   // terms of the sum over inputs
+constexpr int kFeedback = 19;      // terms of the sum over earlier outputs
 constexpr int kStartUp = 19;       // samples that pass unfiltered at the start of the source
 
 // The low 16 bits of the truncated value: an overshoot wraps around. Kept: hosts depend on it.
@@ -36,21 +38,41 @@ short cut_to_sample(float value) {
     return static_cast<short>(static_cast<unsigned short>(truncate_to_int(value)));
 }
 
-// One sample through the filter. Each sum adds its products in the order of k.
-float filter(float sample, float (&x)[20], float (&y)[19]) {
-    x[0] = sample;
-    float forward = 0.0F;
-    float backward = 0.0F;
-    for (int k = 0; k < 19; ++k) {
-        forward += b[k] * x[k];
-        backward += a[k] * y[k];
+// Samples work[from .. 79] through the filter. Each sum adds its products in the order of k. Both
+// signals are laid out with their history before them, oldest first.
+void filter(short (&work)[kBlock], int from, float (&x_hist)[kFeedforward],
+            float (&y_hist)[kFeedback]) {
+    const int count = kBlock - from;
+    float x[kFeedback + kBlock];
+    float y[kFeedback + kBlock];
+    std::reverse_copy(x_hist + 1, x_hist + kFeedforward, x);
+    std::reverse_copy(y_hist, y_hist + kFeedback, y);
+    std::copy(work + from, work + kBlock, x + kFeedback);
+    std::fill_n(x + kFeedback + count, from, 0.0F);
+
+    // The first sums do not depend on each other: four at a time, a few too many.
+    float forward[kBlock];
+    for (int j = 0; j < count; j += 4) {
+        float32x4_t sum = vdupq_n_f32(0.0F);
+        for (int k = 0; k < kFeedforward; ++k) {
+            sum = add_product(sum, vdupq_n_f32(b[k]), vld1q_f32(x + kFeedback + j - k));
+        }
+        vst1q_f32(forward + j, sum);
     }
-    forward += b[19] * x[19];
-    const float result = forward - backward;
-    std::memmove(x + 1, x, 19 * sizeof(float));
-    std::memmove(y + 1, y, 18 * sizeof(float));
-    y[0] = result;
-    return result;
+    for (int j = 0; j < count; ++j) {
+        float* const now = y + kFeedback + j;
+        float backward = 0.0F;
+#pragma GCC unroll 19
+        for (int k = 0; k < kFeedback; ++k) {
+            backward += a[k] * now[-1 - k];
+        }
+        *now = forward[j] - backward;
+        work[from + j] = cut_to_sample(*now);
+    }
+
+    x_hist[0] = x[kFeedback + count - 1];
+    std::reverse_copy(x + count, x + count + kFeedback, x_hist + 1);
+    std::reverse_copy(y + count, y + count + kFeedback, y_hist);
 }
 
 // Stores a block's outputs work[0 .. 39]. Where they reach the end of the ring, the rest is taken
@@ -91,9 +113,7 @@ int CMFE::down_sample(const short* source, int source_pos, int count, short* des
         // Position 0 counts as the start of a stream, in every call: its first samples bypass the
         // filter and its history. Kept: hosts depend on it.
         const bool start_up = i == 0 && source_pos == 0;
-        for (int j = start_up ? kStartUp : 0; j < kBlock; ++j) {
-            work[j] = cut_to_sample(filter(static_cast<float>(work[j]), ds_x_hist, ds_y_hist));
-        }
+        filter(work, start_up ? kStartUp : 0, ds_x_hist, ds_y_hist);
         for (int k = 0; k < kHalf; ++k) {
             work[k] = work[2 * k];
         }
