@@ -74,6 +74,7 @@ public:
     }
 
     void rewind() { position_ = 0; }
+    int left() const { return static_cast<int>(pcm_.size() - position_); }
 
     std::vector<short> take(int n) {
         std::vector<short> out(static_cast<size_t>(n) + 1);  // never empty: its address counts
@@ -228,6 +229,7 @@ private:
         tz_dnnvad::CMFE& s = *session_;
         uint32_t h = 0x811C9DC5U;
         std::string shown;
+        if (total == 0) total = source_.left();
         for (int sent = 0; sent < total;) {
             const int n = std::min(chunk, total - sent);
             sent += n;

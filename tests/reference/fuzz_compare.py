@@ -60,8 +60,8 @@ def scenario(seed):
             (3, r.choice((5, 20, 40, 90, 150))), (4, r.choice((5, 25, 60))),
             (5, r.choice((10, 60, 150, 400))), (6, r.choice((0, 5, 20, 40))),
             (7, r.choice((0, 5, 20, 40, 100))), (10, r.choice((0, 20, 90))), (12, r.randrange(2)),
-            (14, r.choice((50, 130, 300))), (23, r.choice((0.1, 0.2, 0.4, 0.6))),
-            (24, r.choice((0.1, 0.2, 0.4, 0.6))), (25, r.randrange(2)), (25, 1),
+            (14, r.choice((50, 130, 300))), (23, r.choice((0.1, 0.2, 0.4, 0.6, 0.9, 1))),
+            (24, r.choice((0.1, 0.2, 0.4, 0.9, 1))), (25, r.randrange(2)), (25, 1),
             (3, 22.9), (15, 1), (8, -1), (1, 2.5)))
         return "set %d %s" % (number, value)
 
@@ -141,6 +141,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--count", type=int, default=20)
     parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--program", help="library_trace, already compiled")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "fuzz"))
     options = parser.parse_args()
     os.makedirs(options.work, exist_ok=True)
@@ -148,7 +149,7 @@ def main():
         link = os.path.join(options.work, name)
         if name.startswith(("synth", "bleep")) and not os.path.exists(link):
             os.symlink(os.path.join(GOLDEN, name), link)
-    program = compile_library(options.work)
+    program = options.program or compile_library(options.work)
     jobs = [(program, options.work, seed) for seed in range(options.seed, options.seed + options.count)]
     different = 0
     with multiprocessing.Pool() as pool:

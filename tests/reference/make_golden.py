@@ -88,14 +88,37 @@ SCENARIOS = {
         source 8000 16; silence 300 60; speech 900 6000 200 0; silence 1300 60; set 9 1000; set 13 8000
         init synth8k.bin; get 9; send 4001; run 80 12000 120; run 4000 16000 9000; states; issil 0 10
         issil 260 300; callback 30; set 12 0; run 800 8000 100; callback 20000""",
+    # Lopsided rules, truncation, values out of range, the adapted pause limit.
+    "parameters": """
+        set 1 50; get 1; get 3; reset; set 3 70.9; get 3; get 1; reset; set 1 70; get 3; set 3 71; reset
+        set 14 60; set 14 300; set 9 80000; get 9; set 9 7919; get 9; set 9 7920; get 9; set 13 16000.7
+        set 13 44100; get 13; get 9; set 8 -3; get 8; set 12 0; get 12; get 11; get 14; set 23 0.25
+        get 23; get 24; set 10 -7.9; get 10; set 2 7e9; get 2; set 0 1; set 15 1; set 27 1; get 22; get 4
+        get 5; get 6; get 7; get 25; get 26; set 3 90; set 2 2000; pause 1000; pause 1001; set 2 1999; reset
+        pause 999; pause 1000; set 2 5000; pause 1001; pause 4999; pause 5100""",
+    # One frame more or less: a blip of 9 frames, 15 frames for the bleep detector, last speech at
+    # frame 120, the shortest utterance, the end of input, the range of the silence query.
+    "boundaries": """
+        set 3 30; set 23 0.9; set 24 0.9; source 8000 131; silence 300 60; speech 190 6000 200 0
+        silence 500 60; init synth8k.bin; run 80 0; set 23 1; set 24 1; set 4 10; source 8000 131
+        silence 300 60; speech 200 6000 200 0; silence 500 60; init synth8k.bin; run 80 0; new
+        set 3 30; set 23 0.75; set 24 0.75; source 8000 131; silence 300 60; speech 220 6000 200 1
+        silence 500 60; init synth8k.bin bleep8k.txt; run 80 0; reset; source 8000 131; silence 300 60
+        speech 240 6000 200 1; silence 500 60; run 80 0; set 23 0.9; set 24 0.9; source 8000 131
+        silence 830 60; speech 300 6000 200 1; silence 500 60; init synth8k.bin bleep8k.txt; run 80 0
+        reset; source 8000 131; silence 840 60; speech 300 6000 200 1; silence 500 60; run 80 0; new
+        source 8000 6; silence 300 60; speech 900 6000 200 0; set 9 8000; init synth8k.bin; run 80 8000
+        issil 0 36; issil 0 37; issil 0 98; issil 0 99; issil 5 5; issil 5 2; set 4 62; set 2 9999; end
+        detect; set 4 63; stop; set 4 0; set 2 71; stop; set 2 72; stop; run 80 1600; issil 17 18
+        issil 18 19""",
     # The bundled model on the bundled recordings, with the thresholds nearest to the defaults that no
     # score comes near to.
     "bundled_8k": """
         wav ../../samples/roadsigns-8k.wav; {thresholds}init ../../models/vad8k.bin
-        run 80 109840 40000; states; scores; end; detect""",
+        run 80 0 40000; states; scores; end; detect""",
     "bundled_16k": """
         wav ../../samples/stream-16k.wav; set 13 16000; {thresholds}init ../../models/vad8k.bin
-        run 160 311400 80000; states; scores; end; detect""",
+        run 160 0 80000; states; scores; end; detect""",
 }
 
 

@@ -14,7 +14,8 @@ replays the same on the library):
     new | exit | reset | stop | end | detect
     init MODEL [BLEEP] | set ID VALUE | get ID | send N | sendnull N | callback BYTES | issil A B
     convert S F | pause N | frame N F SMOOTH
-    run CHUNK TOTAL [BYTES]     send and detect (and hand out) chunk by chunk; prints a line when the
+    run CHUNK TOTAL [BYTES]     send and detect (and hand out) chunk by chunk, up to the end of the
+                                source when TOTAL is 0; prints a line when the
                                 result, the status, the energy gate or the segment count changes,
                                 with a checksum of all lines up to there
     states                      frame states, run-length coded
@@ -75,9 +76,8 @@ class Source:
         self.pcm += np.frombuffer(data[at:at + size // 2 * 2], "<i2").tolist()
 
     def take(self, n):
-        index = (self.position + np.arange(n)) % max(len(self.pcm), 1)
-        self.position += n
-        return np.array(self.pcm)[index].astype(np.int16)
+        first, self.position = self.position, self.position + n
+        return np.array([self.pcm[i % len(self.pcm)] for i in range(first, first + n)], np.int16)
 
 
 class Trace:
@@ -117,6 +117,7 @@ class Trace:
 
     def run(self, chunk, total, capacity=None):
         s, h, shown, sent = self.session, 0x811C9DC5, None, 0
+        total = total or len(self.source.pcm) - self.source.position
         while sent < total:
             n = min(chunk, total - sent)
             sent += n
