@@ -15,7 +15,8 @@
 #include "dnnvad/saturate.h"
 #include "dnnvad/vad_log.h"
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "model files are read as little-endian words");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+              "model files are read as little-endian words");
 
 namespace tz_dnnvad {
 
@@ -79,12 +80,17 @@ void multiply_rows(const float* A, int stride, const float* x, int length, float
             row[r] += 4;
         }
     }
+    float tails[Rows] = {};
+    for (int k = 0; k < tail; ++k) {
+#pragma GCC unroll 8
+        for (int r = 0; r < Rows; ++r) {
+            tails[r] = fused_multiply_add(row[r][k], x[k], tails[r]);
+        }
+    }
 #pragma GCC unroll 8
     for (int r = 0; r < Rows; r += 4) {
-        const float32x4_t tails =
-            fused_products(row[r], row[r + 1], row[r + 2], row[r + 3], x, tail);
-        vst1q_f32(y + r,
-                  vaddq_f32(sum_lanes(lanes[r], lanes[r + 1], lanes[r + 2], lanes[r + 3]), tails));
+        const float32x4_t sums = sum_lanes(lanes[r], lanes[r + 1], lanes[r + 2], lanes[r + 3]);
+        vst1q_f32(y + r, vaddq_f32(sums, vld1q_f32(tails + r)));
     }
 }
 
@@ -197,8 +203,10 @@ bool DNN::read_vector(File& file, const char* token, const char* name, float*& v
         return false;
     }
     // calloc, which refuses a size that overflows (32-bit processors).
-    vector = _feat_dim < 0 ? nullptr
-                           : static_cast<float*>(std::calloc(static_cast<std::size_t>(_feat_dim), sizeof(float)));
+    vector =
+        _feat_dim < 0
+            ? nullptr
+            : static_cast<float*>(std::calloc(static_cast<std::size_t>(_feat_dim), sizeof(float)));
     if (vector == nullptr) {
         VAD_ERROR("failed to read %s\n", name);
         return false;
@@ -222,7 +230,8 @@ bool DNN::read_layers(File& file) {
     }
     file.read_word(_layer_number);
     assert(_layer_number > 0);
-    _layer_size = static_cast<int*>(std::calloc(static_cast<std::size_t>(_layer_number), sizeof(int)));
+    _layer_size =
+        static_cast<int*>(std::calloc(static_cast<std::size_t>(_layer_number), sizeof(int)));
     assert(_layer_size);
     // Sizes beyond the end of the file stay 0; the parameters then are missing too.
     for (int k = 0; k < _layer_number && file.read_word(_layer_size[k]); ++k) {
@@ -236,8 +245,10 @@ bool DNN::read_layers(File& file) {
 
 bool DNN::allocate_layers() {
     const int transitions = _layer_number - 1;
-    _weights = static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
-    _biases = static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
+    _weights =
+        static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
+    _biases =
+        static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
     if (_weights == nullptr || _biases == nullptr) {
         VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
         return false;
@@ -251,14 +262,16 @@ bool DNN::allocate_layers() {
         const long long inputs = _layer_size[k];
         const long long outputs = _layer_size[k + 1];
         // Both factors are below 2^31, so the product fits; the sum is kept below 2^31 step by step.
-        const bool sane = inputs >= 0 && outputs >= 0 && (total += (inputs + 1) * outputs) <= kMaxInt;
+        const bool sane =
+            inputs >= 0 && outputs >= 0 && (total += (inputs + 1) * outputs) <= kMaxInt;
         if (sane) {
             _max_layer_size = std::max(_max_layer_size, _layer_size[k + 1]);
             _weights[k] = zeroed_aligned_floats(static_cast<std::size_t>(inputs * outputs));
             _biases[k] = zeroed_aligned_floats(static_cast<std::size_t>(outputs));
         }
         if (!sane || _weights[k] == nullptr || _biases[k] == nullptr) {
-            VAD_ERROR("DNN init memory new failure curLayer:%d matrixSize:%d baseSize:%d!\n\n", k, k, k);
+            VAD_ERROR("DNN init memory new failure curLayer:%d matrixSize:%d baseSize:%d!\n\n", k,
+                      k, k);
             return false;
         }
     }
@@ -272,12 +285,10 @@ bool DNN::allocate_layers() {
 }
 
 DNN::~DNN() {
-    for (int k = 0; k < _layer_number - 1; ++k) {
-        if (_weights != nullptr) {
-            std::free(_weights[k]);
-        }
-        if (_biases != nullptr) {
-            std::free(_biases[k]);
+    // A load that failed early may have left a huge layer number without the tables.
+    for (float** const table : {_weights, _biases}) {
+        for (int k = 0; table != nullptr && k < _layer_number - 1; ++k) {
+            std::free(table[k]);
         }
     }
     std::free(_layer_size);
@@ -336,7 +347,8 @@ void DNN::set_topology(int layer_num, int* layer_size) {
 
 int DNN::forward(const float* in, int /*in_dim*/, float* out) {
     const int last = _layer_number - 2;
-    if (last < 0 || _weights == nullptr || _biases == nullptr || _out_buf == nullptr || _tmp_buf == nullptr) {
+    if (last < 0 || _weights == nullptr || _biases == nullptr || _out_buf == nullptr ||
+        _tmp_buf == nullptr) {
         return 0;
     }
     for (int k = 0; k <= last; ++k) {
