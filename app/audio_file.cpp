@@ -33,11 +33,11 @@ std::vector<float> read_mono(SNDFILE* file, int channels) {
 
 std::vector<float> resample(const std::vector<float>& in, double from, double to) {
     const double ratio = to / from;
-    std::vector<float> out(static_cast<std::size_t>(std::ceil(static_cast<double>(in.size()) * ratio)) + 1);
+    std::vector<float> out(
+        static_cast<std::size_t>(std::ceil(static_cast<double>(in.size()) * ratio)) + 1);
     std::size_t produced = 0;
-    const soxr_error_t error =
-        soxr_oneshot(from, to, 1, in.data(), in.size(), nullptr, out.data(), out.size(), &produced, nullptr,
-                     nullptr, nullptr);
+    const soxr_error_t error = soxr_oneshot(from, to, 1, in.data(), in.size(), nullptr, out.data(),
+                                            out.size(), &produced, nullptr, nullptr, nullptr);
     if (error != nullptr) {
         throw std::runtime_error(std::string("cannot convert the sample rate: ") + error);
     }
@@ -53,7 +53,8 @@ short to_pcm(float sample) {
 
 std::vector<short> read_recording(const std::string& path, int rate) {
     SF_INFO info{};
-    const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path.c_str(), SFM_READ, &info), sf_close);
+    const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path.c_str(), SFM_READ, &info),
+                                                           sf_close);
     if (file == nullptr) {
         throw std::runtime_error(sf_strerror(nullptr));
     }

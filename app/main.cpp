@@ -28,7 +28,8 @@ constexpr char kHelp[] =
     "  --verbose        show the library's diagnostic lines on standard error\n"
     "  --help           this text\n"
     "\n"
-    "Exit status: 0, or 1 when something could not be read or written, 2 for a wrong command line.\n";
+    "Exit status: 0, or 1 when something could not be read or written, 2 for a wrong command "
+    "line.\n";
 
 struct Options {
     std::string file;
@@ -61,7 +62,8 @@ FILE* claim_output(bool verbose) {
 }
 
 // Silence and speech intervals that cover the whole recording, as Praat wants its tiers.
-bool write_textgrid(const std::string& path, const std::vector<Utterance>& utterances, double duration) {
+bool write_textgrid(const std::string& path, const std::vector<Utterance>& utterances,
+                    double duration) {
     struct Interval {
         double from, to;
         const char* text;
@@ -87,12 +89,13 @@ bool write_textgrid(const std::string& path, const std::vector<Utterance>& utter
     if (file == nullptr) {
         return false;
     }
-    std::fprintf(file,
-                 "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0\nxmax = %.4f\n"
-                 "tiers? <exists>\nsize = 1\nitem []:\n    item [1]:\n        class = \"IntervalTier\"\n"
-                 "        name = \"speech\"\n        xmin = 0\n        xmax = %.4f\n"
-                 "        intervals: size = %zu\n",
-                 duration, duration, intervals.size());
+    std::fprintf(
+        file,
+        "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0\nxmax = %.4f\n"
+        "tiers? <exists>\nsize = 1\nitem []:\n    item [1]:\n        class = \"IntervalTier\"\n"
+        "        name = \"speech\"\n        xmin = 0\n        xmax = %.4f\n"
+        "        intervals: size = %zu\n",
+        duration, duration, intervals.size());
     for (std::size_t i = 0; i < intervals.size(); ++i) {
         std::fprintf(file,
                      "        intervals [%zu]:\n            xmin = %.4f\n            xmax = %.4f\n"
@@ -107,9 +110,12 @@ bool write_textgrid(const std::string& path, const std::vector<Utterance>& utter
 bool parse(int argc, char** argv, Options& options, bool& help) {
     enum { kModel = 1, kConfig, kTextgrid, kVerbose, kHelpWanted };
     static const option kLongOptions[] = {
-        {"model", required_argument, nullptr, kModel},       {"config", required_argument, nullptr, kConfig},
-        {"textgrid", required_argument, nullptr, kTextgrid}, {"verbose", no_argument, nullptr, kVerbose},
-        {"help", no_argument, nullptr, kHelpWanted},         {nullptr, 0, nullptr, 0},
+        {"model", required_argument, nullptr, kModel},
+        {"config", required_argument, nullptr, kConfig},
+        {"textgrid", required_argument, nullptr, kTextgrid},
+        {"verbose", no_argument, nullptr, kVerbose},
+        {"help", no_argument, nullptr, kHelpWanted},
+        {nullptr, 0, nullptr, 0},
     };
     int choice;
     while ((choice = getopt_long(argc, argv, "", kLongOptions, nullptr)) != -1) {

@@ -138,9 +138,9 @@ private:
 
     CMFE& session_;
     const std::function<void(const Utterance&)>& found_;
-    double rate_;             // Hz
-    double pushed_ = 0;       // samples since the start of the recording
-    double origin_ = 0;       // where the session's frame 0 lies, seconds
+    double rate_;               // Hz
+    double pushed_ = 0;         // samples since the start of the recording
+    double origin_ = 0;         // where the session's frame 0 lies, seconds
     std::size_t reported_ = 0;  // records of the segment list already dealt with
 };
 
@@ -150,9 +150,11 @@ void find_utterances(CMFE& session, const std::vector<short>& pcm,
                      const std::function<void(const Utterance&)>& found) {
     const int chunk = static_cast<int>(session.mfeGetParam(kSampleRateId)) / 100;
     Listener listener(session, found);
-    for (std::size_t position = 0; position < pcm.size(); position += static_cast<std::size_t>(chunk)) {
+    for (std::size_t position = 0; position < pcm.size();
+         position += static_cast<std::size_t>(chunk)) {
         const std::size_t left = pcm.size() - position;
-        listener.push(pcm.data() + position, static_cast<int>(std::min<std::size_t>(left, static_cast<std::size_t>(chunk))));
+        listener.push(pcm.data() + position, static_cast<int>(std::min<std::size_t>(
+                                                 left, static_cast<std::size_t>(chunk))));
     }
     listener.finish();
 }

@@ -29,7 +29,8 @@ DNNVAD_API void qn_fe_softmax_vf_vf(unsigned n, const float* in, float* out);
 DNNVAD_API void qn_nv_softmax_vf_vf(unsigned n, const float* in, float* out);
 
 // out[i] = a[i] * s + b[i], fused.
-DNNVAD_API void qn_nv_muladd_vffvf_vf(unsigned n, const float* a, float s, const float* b, float* out);
+DNNVAD_API void qn_nv_muladd_vffvf_vf(unsigned n, const float* a, float s, const float* b,
+                                      float* out);
 
 // ceil(log2 |x|) from logf; saturates at the limits of int (x = 0, infinity), 0 for NaN.
 DNNVAD_API int qn_findexp_f_i(float x);

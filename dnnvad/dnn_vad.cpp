@@ -12,7 +12,8 @@
 
 namespace tz_dnnvad {
 
-const char g_AudioState[6][16] = {"SPEECH2SPEECH", "SPEECH2SIL", "SIL2SIL", "SIL2SPEECH", "NOTBEGIN", "INVALID"};
+const char g_AudioState[6][16] = {"SPEECH2SPEECH", "SPEECH2SIL", "SIL2SIL",
+                                  "SIL2SPEECH",    "NOTBEGIN",   "INVALID"};
 
 namespace {
 
@@ -41,7 +42,8 @@ constexpr int kPatternLow = 5;
 // Allocates `count` zeroed elements; a failure prints `name` and `printed_bytes`.
 template <typename T>
 int allocate(T*& buffer, long long count, const char* name, long long printed_bytes) {
-    buffer = static_cast<T*>(std::calloc(static_cast<std::size_t>(std::max(count, 1LL)), sizeof(T)));
+    buffer =
+        static_cast<T*>(std::calloc(static_cast<std::size_t>(std::max(count, 1LL)), sizeof(T)));
     if (buffer == nullptr) {
         VAD_ERROR("%s malloc[%lld] Failed\n", name, printed_bytes);
         return kNoMemory;
@@ -166,7 +168,8 @@ int CMFE::load_network(const char* dnnfile) {
         return kComponentFailed;
     }
     if (_m_p_dnn->_feat_dim < _m_n_fbank_dim) {
-        VAD_ERROR("model feature dim = %d, should be at least %d\n", _m_p_dnn->_feat_dim, _m_n_fbank_dim);
+        VAD_ERROR("model feature dim = %d, should be at least %d\n", _m_p_dnn->_feat_dim,
+                  _m_n_fbank_dim);
         return kComponentFailed;
     }
     return 0;
@@ -207,7 +210,8 @@ int CMFE::allocate_frame_buffers() {
         (error = allocate(_m_p_frame_samples, frame_length(), "_m_p_frame_samples")) != 0) {
         return error;
     }
-    _m_p_dst_feature = _m_n_feat_dim < 0 ? nullptr : aligned_floats(static_cast<std::size_t>(_m_n_feat_dim));
+    _m_p_dst_feature =
+        _m_n_feat_dim < 0 ? nullptr : aligned_floats(static_cast<std::size_t>(_m_n_feat_dim));
     if (_m_p_dst_feature == nullptr) {
         VAD_ERROR("_m_p_dst_feature malloc[%lld] Failed\n", 4LL * _m_n_feat_dim);
         return kNoMemory;
@@ -225,7 +229,8 @@ int CMFE::allocate_bleep_buffers(const char* bleepfile) {
     const long long columns = bins - kPatternLow;
     int error = 0;
     if ((error = allocate(_m_p_spec_log_buff, kSpecSmooth * bins, "_m_p_spec_log_buff")) != 0 ||
-        (error = allocate(_m_p_spec_log_smooth_cur_frame, bins, "_m_p_spec_log_smooth_cur_frame")) != 0 ||
+        (error = allocate(_m_p_spec_log_smooth_cur_frame, bins,
+                          "_m_p_spec_log_smooth_cur_frame")) != 0 ||
         (error = allocate(_m_p_spec_log_smooth, kSpecFrames * bins, "_m_p_spec_log_smooth")) != 0 ||
         (error = allocate(_m_p_spec_binary, kSpecFrames * bins, "_m_p_spec_binary")) != 0 ||
         (error = allocate(_m_p_spec_pattern, kPatternFrames * bins, "_m_p_spec_pattern")) != 0 ||
@@ -234,20 +239,21 @@ int CMFE::allocate_bleep_buffers(const char* bleepfile) {
         return error;
     }
     _m_p_bleep_detector = new BleepDetector;
-    if (_m_p_bleep_detector->load_dector_model(bleepfile, kPatternFrames, _m_n_fft_size, _m_p_spec_pattern,
-                                               kPatternLow, _m_p_embd) == -1) {
+    if (_m_p_bleep_detector->load_dector_model(bleepfile, kPatternFrames, _m_n_fft_size,
+                                               _m_p_spec_pattern, kPatternLow, _m_p_embd) == -1) {
         _m_n_bleep_detect = 0;
     }
     return 0;
 }
 
 int CMFE::build_feature_chain() {
-    _m_p_pcm2featureft =
-        new (std::nothrow) PCM2FeatureTranslator(frame_length(), _m_n_fbank_dim, _m_n_fbank_low, _m_n_fbank_high,
-                                                 _m_n_fbank_dim, _m_n_fft_size, !_m_b_16k_model);
+    _m_p_pcm2featureft = new (std::nothrow)
+        PCM2FeatureTranslator(frame_length(), _m_n_fbank_dim, _m_n_fbank_low, _m_n_fbank_high,
+                              _m_n_fbank_dim, _m_n_fft_size, !_m_b_16k_model);
     _m_p_cmvn_mean = _m_p_dnn->_mean_vec;
     _m_p_cmvn_var = _m_p_dnn->_rev_var_vec;
-    _m_p_cmvnft = new (std::nothrow) CMVNFeatureTranslator(_m_n_fbank_dim, _m_n_fbank_dim, _m_p_cmvn_mean, _m_p_cmvn_var);
+    _m_p_cmvnft = new (std::nothrow)
+        CMVNFeatureTranslator(_m_n_fbank_dim, _m_n_fbank_dim, _m_p_cmvn_mean, _m_p_cmvn_var);
     _m_p_concatft = new (std::nothrow) ConcatFeatureTranslator(_m_n_fbank_dim, _m_n_feat_dim);
     if (_m_p_pcm2featureft == nullptr || _m_p_cmvnft == nullptr) {
         VAD_ERROR("_m_p_pcm2featureft[%p] _m_p_cmvnft[%p] _m_p_concatft[%p] Init Failed\n",
@@ -281,8 +287,10 @@ int CMFE::create_energy_vad() {
     // The size printed is twice the bytes, and both buffers share one name: kept.
     const char* const name = "_m_p_short_frame_in";
     int error = 0;
-    if ((error = allocate(_m_p_short_frame_in, _m_n_frame_shift_8k, name, 4LL * _m_n_frame_shift_8k)) != 0 ||
-        (error = allocate(_m_p_short_frame_in16k, _m_n_frame_shift_16k, name, 4LL * _m_n_frame_shift_16k)) != 0) {
+    if ((error = allocate(_m_p_short_frame_in, _m_n_frame_shift_8k, name,
+                          4LL * _m_n_frame_shift_8k)) != 0 ||
+        (error = allocate(_m_p_short_frame_in16k, _m_n_frame_shift_16k, name,
+                          4LL * _m_n_frame_shift_16k)) != 0) {
         return error;
     }
     return 0;
@@ -296,10 +304,12 @@ int CMFE::mfeReset() {
     _m_n_max_wait = _m_n_cfg_max_wait;
     _m_b_data_end = false;
     for (int* field :
-         {&_m_n_speech_start, &_m_n_status, &_m_n_last_status, &_m_n_samples_in, &_m_n_samples_8k, &_m_n_samples_16k,
-          &_m_n_speech_end_sample, &_m_n_decim_rest, &_m_n_out_begin, &_m_n_out_end, &_m_n_pass_first_frame,
-          &_m_n_frames_avail, &_m_n_cur_frame, &_m_n_onset_frame, &_m_n_prev_last_speech, &_m_n_user_stop,
-          &_m_n_evad_on_frame, &_m_n_last_speech, &_m_n_onset_count, &_m_n_speech_frames, &_m_n_sil_frames}) {
+         {&_m_n_speech_start,  &_m_n_status,      &_m_n_last_status,       &_m_n_samples_in,
+          &_m_n_samples_8k,    &_m_n_samples_16k, &_m_n_speech_end_sample, &_m_n_decim_rest,
+          &_m_n_out_begin,     &_m_n_out_end,     &_m_n_pass_first_frame,  &_m_n_frames_avail,
+          &_m_n_cur_frame,     &_m_n_onset_frame, &_m_n_prev_last_speech,  &_m_n_user_stop,
+          &_m_n_evad_on_frame, &_m_n_last_speech, &_m_n_onset_count,       &_m_n_speech_frames,
+          &_m_n_sil_frames}) {
         *field = 0;
     }
     if (_m_p_feat_translator != nullptr) {

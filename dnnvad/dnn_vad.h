@@ -223,8 +223,8 @@ public:
     // Keeps the frame's log spectrum for the bleep detector while frame < nframes - 1: its average
     // over up to three frames goes into row frame of `log_smooth` (nframes x dim); `log_buff` (3 x
     // dim) and `cur` (dim) are work space.
-    void mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, float* cur, float* log_smooth,
-                    int dim);
+    void mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, float* cur,
+                    float* log_smooth, int dim);
 
     // Whether frames from .. to - 1 all were silence. Returns 0, -102 when one was not, -109 when a
     // frame is negative, not yet scored or no longer kept.
@@ -258,8 +258,8 @@ public:
     // carries over from call to call and is cleared by mfeReset. In a call from source position 0
     // the first 19 samples pass unfiltered. Rounding noise is high: convert rates for listening with
     // a resampling library. Returns 0.
-    int down_sample(const short* source, int source_pos, int count, short* destination, int destination_pos,
-                    int* out_count, int capacity);
+    int down_sample(const short* source, int source_pos, int count, short* destination,
+                    int destination_pos, int* out_count, int capacity);
 
     // ---- State -------------------------------------------------------------------------------
     // Readable by hosts, in this order. "(reset)" marks what mfeReset clears or restores.
@@ -300,31 +300,31 @@ public:
     int _m_n_end_back_frame = 40;         // margin after speech
 
     // Where speech is.
-    int _m_n_last_speech = 0;            // (reset) last frame judged speech; 0 = none yet, so an onset
-                                         // at frame 0 does not count: kept, hosts depend on it
-    int _m_n_onset_count = 0;            // (reset) onsets since the last end of speech
+    int _m_n_last_speech = 0;  // (reset) last frame judged speech; 0 = none yet, so an onset
+                               // at frame 0 does not count: kept, hosts depend on it
+    int _m_n_onset_count = 0;  // (reset) onsets since the last end of speech
     float _m_f_speech_threshold = 0.2F;  // both taken by the smoother at initialisation
     float _m_f_sil_threshold = 0.2F;
     int _m_n_speech_start = 0;  // (reset) first frame of the current speech
 
     // Sample rings; position p of a ring of length R lies at index p mod R.
-    short* _m_p_data_in = nullptr;             // what output is read from: always `_m_p_data`
-    int _m_n_buf_frames = 500;                 // ring length, frames
-    std::vector<_VADINFO_> _m_v_segments;      // (reset)
-    short* _m_p_data_feed = nullptr;           // ring that feeds an 8 kHz model
-    short* _m_p_data8k = nullptr;              // 8 kHz ring filled by dropping every second sample
-    short* _m_p_data = nullptr;                // input-rate ring
+    short* _m_p_data_in = nullptr;              // what output is read from: always `_m_p_data`
+    int _m_n_buf_frames = 500;                  // ring length, frames
+    std::vector<_VADINFO_> _m_v_segments;       // (reset)
+    short* _m_p_data_feed = nullptr;            // ring that feeds an 8 kHz model
+    short* _m_p_data8k = nullptr;               // 8 kHz ring filled by dropping every second sample
+    short* _m_p_data = nullptr;                 // input-rate ring
     unsigned char* _m_p_frame_state = nullptr;  // state of frame f at f mod ring length
 
     int _m_n_status = 0;       // (reset) status code
     int _m_n_last_status = 0;  // (reset) status at the previous mfeSendData
 
     // Positions in samples, at the input rate unless named. (reset)
-    int _m_n_samples_in = 0;                          // received; with halving, whole blocks of 80
-    int _m_n_samples_8k = 0, _m_n_samples_16k = 0;    // available to an 8 kHz / 16 kHz model
-    int _m_n_speech_end_sample = 0;                   // where output of the current pass ends
-    int _m_n_decim_rest = 0;                          // received beyond the last whole block of 80
-    int _m_n_out_begin = 0, _m_n_out_end = 0;         // range still to hand out
+    int _m_n_samples_in = 0;                        // received; with halving, whole blocks of 80
+    int _m_n_samples_8k = 0, _m_n_samples_16k = 0;  // available to an 8 kHz / 16 kHz model
+    int _m_n_speech_end_sample = 0;                 // where output of the current pass ends
+    int _m_n_decim_rest = 0;                        // received beyond the last whole block of 80
+    int _m_n_out_begin = 0, _m_n_out_end = 0;       // range still to hand out
 
     // Positions in frames. (reset, but for the detect start)
     int _m_n_pass_first_frame = 0;  // first frame of the latest pass
@@ -347,11 +347,11 @@ public:
     float ds_x_hist[20];  // (reset) down-sampler: element k is x[t - k]
     float ds_y_hist[19];  // (reset) down-sampler: element k is y[t - 1 - k]
 
-    int _m_n_sample_rate = 8000;  // Hz
-    int _m_n_speech_frames = 0;   // (reset) frames judged other than SIL2SIL
-    int _m_n_sil_frames = 0;      // (reset) frames judged SIL2SIL
-    int _m_n_frame_shift = 80;    // input samples per frame: rate / 100
-    int _m_n_debug_log = 0;       // > 0 prints debug lines, >= 9 lets PrintSegment write its file
+    int _m_n_sample_rate = 8000;    // Hz
+    int _m_n_speech_frames = 0;     // (reset) frames judged other than SIL2SIL
+    int _m_n_sil_frames = 0;        // (reset) frames judged SIL2SIL
+    int _m_n_frame_shift = 80;      // input samples per frame: rate / 100
+    int _m_n_debug_log = 0;         // > 0 prints debug lines, >= 9 lets PrintSegment write its file
     int _m_n_max_data_len = 40000;  // twice the largest chunk, samples
 
     // Energy detector that gates the network in long silences.
@@ -365,20 +365,20 @@ public:
     int _m_n_evad_on_frame = 0;               // (reset) frame at which gating last started
 
     // Bleep detector. F = spectrum bins per frame.
-    int _m_n_fft_size = 128;                           // F: 128 (8 kHz model) or 256 (16 kHz model)
-    int _m_n_spec_smooth_frames = 3;                   // spectra averaged
-    int _m_n_spec_frames = 120;                        // spectra kept
-    float _m_f_bleep_margin = -15.0F;                  // binarisation margin below the maximum
-    float* _m_p_spec_log_buff = nullptr;               // 3 x F
-    float* _m_p_spec_log_smooth_cur_frame = nullptr;   // F
-    float* _m_p_spec_log_smooth = nullptr;             // 120 x F
-    char* _m_p_spec_binary = nullptr;                  // 120 x F
-    int _m_n_pattern_low = 5;                          // first used bin + 1
-    int _m_n_pattern_frames = 15;                      // template rows
-    char* _m_p_spec_pattern = nullptr;                 // 15 x F
-    float* _m_p_embd = nullptr;                        // bias and F - 5 weights
-    float* _m_p_embd_test = nullptr;                   // F - 5 counts
-    int _m_n_flag = 1;                                 // never read
+    int _m_n_fft_size = 128;                          // F: 128 (8 kHz model) or 256 (16 kHz model)
+    int _m_n_spec_smooth_frames = 3;                  // spectra averaged
+    int _m_n_spec_frames = 120;                       // spectra kept
+    float _m_f_bleep_margin = -15.0F;                 // binarisation margin below the maximum
+    float* _m_p_spec_log_buff = nullptr;              // 3 x F
+    float* _m_p_spec_log_smooth_cur_frame = nullptr;  // F
+    float* _m_p_spec_log_smooth = nullptr;            // 120 x F
+    char* _m_p_spec_binary = nullptr;                 // 120 x F
+    int _m_n_pattern_low = 5;                         // first used bin + 1
+    int _m_n_pattern_frames = 15;                     // template rows
+    char* _m_p_spec_pattern = nullptr;                // 15 x F
+    float* _m_p_embd = nullptr;                       // bias and F - 5 weights
+    float* _m_p_embd_test = nullptr;                  // F - 5 counts
+    int _m_n_flag = 1;                                // never read
     BleepDetector* _m_p_bleep_detector = nullptr;
     float _m_f_bleep_threshold = 0.5F;  // score above which the first segment is a bleep
     int _m_n_bleep_detect = 1;          // bleep detection on; cleared when there is no template

@@ -37,7 +37,8 @@ int CMFE::mfeSendData(const short* samples, int count) {
         return kBadParameter;
     }
     if (count > _m_n_max_data_len / 2) {
-        VAD_ERROR("iLen*2[%d] > MaxDataLenOneTime[%d]\n", saturate_to_int(2LL * count), _m_n_max_data_len);
+        VAD_ERROR("iLen*2[%d] > MaxDataLenOneTime[%d]\n", saturate_to_int(2LL * count),
+                  _m_n_max_data_len);
         return kChunkTooLong;
     }
     if (samples == nullptr || !_m_b_ready) {
@@ -47,7 +48,8 @@ int CMFE::mfeSendData(const short* samples, int count) {
     }
     const long long position = 1LL * _m_n_samples_in + (_m_b_vad_enable ? _m_n_decim_rest : 0);
     if (position + count > std::numeric_limits<int>::max()) {
-        VAD_ERROR("stream position %lld + %d samples is beyond 32 bits, reset the session\n", position, count);
+        VAD_ERROR("stream position %lld + %d samples is beyond 32 bits, reset the session\n",
+                  position, count);
         return kChunkTooLong;
     }
     const int end = static_cast<int>(position) + count;
@@ -89,7 +91,8 @@ void CMFE::halve_new_samples(int end) {
 
 int CMFE::mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen) {
     if (pDataOut == nullptr || iLen == nullptr) {
-        VAD_ERROR("NULL POINTER: pDataOut=%p,iLen=%p\n", static_cast<void*>(pDataOut), static_cast<void*>(iLen));
+        VAD_ERROR("NULL POINTER: pDataOut=%p,iLen=%p\n", static_cast<void*>(pDataOut),
+                  static_cast<void*>(iLen));
         return kNullPointer;
     }
     const bool only_speech = _m_b_vad_enable && _m_b_speech_only;
@@ -99,7 +102,8 @@ int CMFE::mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen) {
         const bool begins = status == kSpeaking && was_between;
         const bool nothing = status == kNotStarted || status == kTimedOut ||
                              (status == kEnded && _m_n_last_status == kEnded) ||
-                             (status == kPaused && was_between) || (begins && _m_v_segments.empty());
+                             (status == kPaused && was_between) ||
+                             (begins && _m_v_segments.empty());
         if (nothing) {
             *iLen = 0;
             _m_n_out_begin = _m_n_out_end;
@@ -134,10 +138,12 @@ int CMFE::hand_out(char* out, int capacity) {
     }
     const int samples = static_cast<int>(count);
     // The host's buffer need not be aligned for samples.
-    ring::for_each_run(_m_n_out_begin, samples, _m_n_ring_samples, [&](int offset, int at, int run) {
-        const char* const from = reinterpret_cast<const char*>(_m_p_data + at);
-        std::copy_n(from, 2 * static_cast<std::size_t>(run), out + 2 * static_cast<std::ptrdiff_t>(offset));
-    });
+    ring::for_each_run(_m_n_out_begin, samples, _m_n_ring_samples,
+                       [&](int offset, int at, int run) {
+                           const char* const from = reinterpret_cast<const char*>(_m_p_data + at);
+                           std::copy_n(from, 2 * static_cast<std::size_t>(run),
+                                       out + 2 * static_cast<std::ptrdiff_t>(offset));
+                       });
     return 2 * samples;
 }
 

@@ -45,12 +45,12 @@ constexpr int kFirstSpeechClass = 3;
 
 constexpr int kGatingPause = 30;  // frames between two starts of gating
 
-constexpr int kBlip = 9;             // frames: a first utterance up to this long is forgotten
-constexpr int kMinBleep = 15;        // frames: shorter ones are not the prompt
-constexpr int kSpecSmooth = 3;       // spectra averaged for the bleep detector
-constexpr int kSpecFrames = 120;     // spectra kept for it
-constexpr int kPatternLow = 5;       // template: first used bin + 1
-constexpr int kPatternFrames = 15;   // template rows
+constexpr int kBlip = 9;            // frames: a first utterance up to this long is forgotten
+constexpr int kMinBleep = 15;       // frames: shorter ones are not the prompt
+constexpr int kSpecSmooth = 3;      // spectra averaged for the bleep detector
+constexpr int kSpecFrames = 120;    // spectra kept for it
+constexpr int kPatternLow = 5;      // template: first used bin + 1
+constexpr int kPatternFrames = 15;  // template rows
 
 }  // namespace
 
@@ -73,8 +73,8 @@ int CMFE::mfeDNNDetect() {
         gather_frame(f);
         const int state = frame_state(f);
         if (_m_n_bleep_detect != 0) {
-            mfeSaveFFT(f, kSpecSmooth, kSpecFrames, _m_p_spec_log_buff, _m_p_spec_log_smooth_cur_frame,
-                       _m_p_spec_log_smooth, _m_n_fft_size);
+            mfeSaveFFT(f, kSpecSmooth, kSpecFrames, _m_p_spec_log_buff,
+                       _m_p_spec_log_smooth_cur_frame, _m_p_spec_log_smooth, _m_n_fft_size);
         }
         if (_m_n_debug_log > 0) {
             VAD_DEBUG("frame:%d, vadstate:%s\n", f, g_AudioState[state]);
@@ -111,7 +111,8 @@ int CMFE::detect_pass_through() {
 bool CMFE::begin_pass() {
     _m_n_pass_first_frame = _m_n_cur_frame = _m_n_frames_avail;
     const int samples = _m_b_16k_model ? _m_n_samples_16k : _m_n_samples_8k;
-    _m_n_frames_avail = samples < frame_length() ? 0 : (samples - frame_length()) / model_shift() + 1;
+    _m_n_frames_avail =
+        samples < frame_length() ? 0 : (samples - frame_length()) / model_shift() + 1;
     // The gate skips whole calls only: once a frame beyond the detect start has arrived, the pass
     // runs from the next frame, which may still lie before it. Kept.
     if (_m_n_cur_frame < _m_n_detect_start && _m_n_detect_start >= _m_n_frames_avail) {
@@ -134,7 +135,8 @@ bool CMFE::begin_pass() {
 template <typename Sample>
 void CMFE::read_model_ring(long long position, int count, Sample* samples) {
     const short* const ring = _m_b_16k_model ? _m_p_data_in : _m_p_data_feed;
-    ring::read(ring, ring == _m_p_data ? _m_n_ring_samples : _m_n_ring_samples8k, position, count, samples);
+    ring::read(ring, ring == _m_p_data ? _m_n_ring_samples : _m_n_ring_samples8k, position, count,
+               samples);
 }
 
 void CMFE::gather_frame(int frame) {
@@ -186,7 +188,8 @@ int CMFE::mfeVADOneFrame(const short* samples, int count, int frame, bool smooth
     if (smooth) {
         return _m_p_windows_detector->smooth_detector_one_frame(_m_p_dst_nn, _m_n_nn_dim, frame);
     }
-    return _m_n_nn_dim >= kClasses ? getFrameState(_m_p_dst_nn, _m_n_nn_dim) : static_cast<int>(kInvalid);
+    return _m_n_nn_dim >= kClasses ? getFrameState(_m_p_dst_nn, _m_n_nn_dim)
+                                   : static_cast<int>(kInvalid);
 }
 
 // False when a stage reports -2: it cannot supply the frame yet. The library's own stages never do;
@@ -213,10 +216,11 @@ int CMFE::getFrameState(const float* posteriors, int /*dim*/) {
     return silence <= speech ? 1 : 0;
 }
 
-void CMFE::mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, float* cur, float* log_smooth,
-                      int dim) {
+void CMFE::mfeSaveFFT(int frame, int nsmooth, int nframes, float* log_buff, float* cur,
+                      float* log_smooth, int dim) {
     if (frame < 0 || nsmooth < 1 || frame >= nframes - 1 || log_buff == nullptr || cur == nullptr ||
-        log_smooth == nullptr || _m_p_feat_translator == nullptr || dim > _m_p_feat_translator->get_fft_dim()) {
+        log_smooth == nullptr || _m_p_feat_translator == nullptr ||
+        dim > _m_p_feat_translator->get_fft_dim()) {
         return;
     }
     const float* const spectrum = _m_p_feat_translator->get_fft_feature();
@@ -316,7 +320,9 @@ void CMFE::gate_with_energy(int f) {
 }
 
 // Where output of the latest speech ends, margin included.
-int CMFE::margin_end() { return mfeGetSamplespot(saturate_to_int(1LL * _m_n_last_speech + _m_n_end_back_frame)); }
+int CMFE::margin_end() {
+    return mfeGetSamplespot(saturate_to_int(1LL * _m_n_last_speech + _m_n_end_back_frame));
+}
 
 void CMFE::end_of_speech(int f) {
     if (_m_v_segments.empty()) {
@@ -344,7 +350,8 @@ void CMFE::end_of_speech(int f) {
     } else if (length < _m_n_min_sp_duration) {
         _m_n_max_wait = _m_n_wait_after_minspeech;
     }
-    if (length > kMinBleep && kSpecFrames > _m_n_last_speech && _m_n_bleep_detect != 0 && is_bleep()) {
+    if (length > kMinBleep && kSpecFrames > _m_n_last_speech && _m_n_bleep_detect != 0 &&
+        is_bleep()) {
         _m_n_last_speech = 0;
         _m_n_status = kNotStarted;
         std::printf("we have detect didi\nthe _m_n_head_sil is %d\n", _m_n_head_sil);
@@ -357,8 +364,9 @@ bool CMFE::is_bleep() {
         return false;  // bleep detection was off at initialisation
     }
     const float score = _m_p_bleep_detector->bleep_detect_score(
-        _m_n_last_speech, kSpecFrames, _m_n_fft_size, kPatternLow, kPatternFrames, _m_f_bleep_margin,
-        _m_p_spec_log_smooth, _m_p_spec_binary, _m_p_spec_pattern, _m_p_embd, _m_p_embd_test);
+        _m_n_last_speech, kSpecFrames, _m_n_fft_size, kPatternLow, kPatternFrames,
+        _m_f_bleep_margin, _m_p_spec_log_smooth, _m_p_spec_binary, _m_p_spec_pattern, _m_p_embd,
+        _m_p_embd_test);
     std::printf("the decision score is %f\n", static_cast<double>(score));
     return score > _m_f_bleep_threshold;
 }
@@ -366,7 +374,8 @@ bool CMFE::is_bleep() {
 void CMFE::mfeAdjustPauseThreshold(int length) {
     const int limit = _m_n_max_sp_duration < 2000 ? _m_n_max_sp_duration / 2 : 1000;
     if (length > limit) {
-        const float spent = static_cast<float>(length) / (static_cast<float>(_m_n_max_sp_duration) + 0.01F);
+        const float spent =
+            static_cast<float>(length) / (static_cast<float>(_m_n_max_sp_duration) + 0.01F);
         _m_n_max_speech_pause =
             truncate_to_int((1.0F - spent) * static_cast<float>(_m_n_cfg_max_speech_pause));
     }
@@ -400,7 +409,8 @@ int CMFE::UserStop() {
 }
 
 int CMFE::mfeReturnStatus(int /*clipped*/) {
-    return _m_n_status >= kNotStarted && _m_n_status <= kEnded ? _m_n_status : static_cast<int>(kNotStarted);
+    return _m_n_status >= kNotStarted && _m_n_status <= kEnded ? _m_n_status
+                                                               : static_cast<int>(kNotStarted);
 }
 
 int CMFE::mfeIsSil(int from, int to) {

@@ -63,7 +63,8 @@ constexpr NameKey kNameKeys[] = {
 // The text behind "name:" at the start of the line, or null when the line has another key.
 const char* value_of(const char* line, const char* name) {
     const std::size_t length = std::strlen(name);
-    return std::strncmp(line, name, length) == 0 && line[length] == ':' ? line + length + 1 : nullptr;
+    return std::strncmp(line, name, length) == 0 && line[length] == ':' ? line + length + 1
+                                                                        : nullptr;
 }
 
 void read_setting(const char* line, cfg_vad_t& cfg) {
@@ -99,8 +100,8 @@ void read_setting(const char* line, cfg_vad_t& cfg) {
 }  // namespace
 
 int readcfg(const char* path, cfg_vad_t* cfg) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(path != nullptr ? std::fopen(path, "rb") : nullptr,
-                                                     std::fclose);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(
+        path != nullptr ? std::fopen(path, "rb") : nullptr, std::fclose);
     if (file == nullptr || cfg == nullptr) {
         VAD_ERROR("can't open %s\n\n", path != nullptr ? path : "(null)");
         return -1;
@@ -149,10 +150,10 @@ struct IntParameter {
     int CMFE::*field;
 };
 constexpr IntParameter kIntParameters[] = {
-    {kMaxSpeech, &CMFE::_m_n_max_sp_duration},  {kMinSpeech, &CMFE::_m_n_min_sp_duration},
-    {kHeadSilence, &CMFE::_m_n_head_sil},       {kStartBack, &CMFE::_m_n_start_back_frame},
-    {kEndBack, &CMFE::_m_n_end_back_frame},     {kDetectStart, &CMFE::_m_n_detect_start},
-    {kEvadSwitch, &CMFE::_m_n_evad_switch},     {kBleepDetect, &CMFE::_m_n_bleep_detect},
+    {kMaxSpeech, &CMFE::_m_n_max_sp_duration}, {kMinSpeech, &CMFE::_m_n_min_sp_duration},
+    {kHeadSilence, &CMFE::_m_n_head_sil},      {kStartBack, &CMFE::_m_n_start_back_frame},
+    {kEndBack, &CMFE::_m_n_end_back_frame},    {kDetectStart, &CMFE::_m_n_detect_start},
+    {kEvadSwitch, &CMFE::_m_n_evad_switch},    {kBleepDetect, &CMFE::_m_n_bleep_detect},
 };
 
 int CMFE::*int_parameter(int id) {

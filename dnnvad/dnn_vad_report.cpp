@@ -60,7 +60,8 @@ void CMFE::PrintSegment(const char* path) {
     float total = 0.0F;
     for (const _VADINFO_& segment : _m_v_segments) {
         std::printf("<%.2f %.2f> <%.2f %.2f>\n", static_cast<double>(seconds(segment.start)),
-                    static_cast<double>(seconds(segment.end)), static_cast<double>(seconds(segment.speech_start)),
+                    static_cast<double>(seconds(segment.end)),
+                    static_cast<double>(seconds(segment.speech_start)),
                     static_cast<double>(seconds(segment.last_speech)));
         total += fmaf(static_cast<float>(segment.end), kFrameSeconds, -seconds(segment.start));
     }
@@ -74,8 +75,8 @@ void CMFE::PrintSegment(const char* path) {
     if (_m_n_debug_log < kFileDebugLevel) {
         return;
     }
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(path != nullptr ? std::fopen(path, "wt") : nullptr,
-                                                     std::fclose);
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(
+        path != nullptr ? std::fopen(path, "wt") : nullptr, std::fclose);
     if (file == nullptr) {
         VAD_ERROR("open %s failed\n", path != nullptr ? path : "(null)");
         return;

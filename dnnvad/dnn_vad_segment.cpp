@@ -19,7 +19,8 @@ constexpr int kLeadIn = 10;
 
 // The start of a first record: the margin before speech, but not before the detect start.
 int CMFE::segment_start() const {
-    return std::max(saturate_to_int(1LL * _m_n_speech_start - _m_n_start_back_frame), _m_n_detect_start);
+    return std::max(saturate_to_int(1LL * _m_n_speech_start - _m_n_start_back_frame),
+                    _m_n_detect_start);
 }
 
 void CMFE::MakeSegment() {
@@ -38,7 +39,8 @@ void CMFE::MakeSegment() {
         status == kSpeaking || status == kTooLong || (status == kPaused && _m_n_onset_count == 1);
     if (last == kEnded && resumed && !_m_v_segments.empty()) {
         const _VADINFO_ newest = _m_v_segments.back();
-        int start = std::max(saturate_to_int(1LL * _m_n_speech_start - _m_n_start_back_frame), newest.end);
+        int start =
+            std::max(saturate_to_int(1LL * _m_n_speech_start - _m_n_start_back_frame), newest.end);
         if (1LL * _m_n_speech_start - start < kLeadIn) {
             start = std::max(_m_n_speech_start - kLeadIn, newest.last_speech);
         }

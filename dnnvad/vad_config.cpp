@@ -7,7 +7,10 @@ constexpr int kSmoothWindowFrames = 20;
 }
 
 VadConfiger::VadConfiger()
-    : _flag(1), _smooth_window(kSmoothWindowFrames), _speech_threshold(0.2F), _sil_threshold(0.2F) {}
+    : _flag(1),
+      _smooth_window(kSmoothWindowFrames),
+      _speech_threshold(0.2F),
+      _sil_threshold(0.2F) {}
 
 VadConfiger::~VadConfiger() = default;
 

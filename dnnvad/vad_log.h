@@ -11,8 +11,8 @@
 namespace tz_dnnvad {
 
 // Keeps prefix and message together when sessions log from several threads.
-__attribute__((format(printf, 4, 5))) inline void log_line(const char* kind, const char* file, int line,
-                                                           const char* format, ...) {
+__attribute__((format(printf, 4, 5))) inline void log_line(const char* kind, const char* file,
+                                                           int line, const char* format, ...) {
     va_list arguments;
     va_start(arguments, format);
     flockfile(stdout);

@@ -90,12 +90,14 @@ private:
 
 // C (m x q) = A (m x n) B (p x q) in plain order, or matrix_product_neon when q = 1. Returns 0, or
 // -1 when n != p.
-DNNVAD_API int native_matrix_product(const float* A, int m, int n, const float* B, int p, int q, float* C);
+DNNVAD_API int native_matrix_product(const float* A, int m, int n, const float* B, int p, int q,
+                                     float* C);
 
 // y[i] = row i of A (m rows, stride n) times x over p elements; `q` is ignored. Per row: four lanes
 // over whole groups of four with separate multiply and add, a fused tail, then
 // ((lane0 + lane1) + (lane2 + lane3)) + tail.
-DNNVAD_API void matrix_product_neon(const float* A, int m, int n, const float* x, int p, int q, float* y);
+DNNVAD_API void matrix_product_neon(const float* A, int m, int n, const float* x, int p, int q,
+                                    float* y);
 
 // Sigmoid with expf, combined in double precision, from the last element down.
 DNNVAD_API void native_sigmod(const float* in, float* out, int n);

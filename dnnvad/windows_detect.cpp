@@ -11,7 +11,13 @@ constexpr int kFirstSpeechClass = 3;
 constexpr int kAverageFrames = 3;
 
 enum State { kSilence = 0, kSpeech = 1 };
-enum FrameState { kSpeech2Speech = 0, kSpeech2Sil = 1, kSil2Sil = 2, kSil2Speech = 3, kInvalid = 5 };
+enum FrameState {
+    kSpeech2Speech = 0,
+    kSpeech2Sil = 1,
+    kSil2Sil = 2,
+    kSil2Speech = 3,
+    kInvalid = 5
+};
 }  // namespace
 
 WindowsDetector::WindowsDetector(const VadConfiger* configer)
@@ -90,7 +96,8 @@ int WindowsDetector::decide(float score, int frame) {
     switch (_state) {
         case kSilence: {
             // Before frame 0 the threshold is fixed, compared in double precision.
-            const bool starts = frame >= 0 ? !(_start_threshold > score) : static_cast<double>(score) >= 0.3;
+            const bool starts =
+                frame >= 0 ? !(_start_threshold > score) : static_cast<double>(score) >= 0.3;
             _state = starts ? kSpeech : kSilence;
             return starts ? kSil2Speech : kSil2Sil;
         }

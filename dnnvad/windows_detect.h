@@ -30,18 +30,20 @@ public:
     // index replaces the start threshold by 0.3.
     int smooth_detector_one_frame(const float* post, int dim, int frame);
 
-    int _avg_len;                              // length of the moving average, frames
-    int _avg_pos;                              // write position in `_history` rows
-    std::vector<std::vector<float>> _history;  // 9 x _avg_len: latest posteriors of each class, rings
-    std::vector<std::vector<float>> _smoothed;  // 9 x _max_len: latest averages of each class, rings
-    std::vector<float> _sums;                   // running sum of each `_history` row
-    std::vector<float> _maxima;                 // maximum of each `_smoothed` row
-    int _filled;                                // frames in `_history` until it is full
-    float _start_threshold;                     // score needed to enter speech
-    float _end_threshold;                       // score at or below which speech ends
-    int _max_pos;                               // write position in `_smoothed` rows
-    int _max_len;                               // length of the maximum window, frames
-    int _state;                                 // 0 = silence, 1 = speech
+    int _avg_len;  // length of the moving average, frames
+    int _avg_pos;  // write position in `_history` rows
+    std::vector<std::vector<float>>
+        _history;  // 9 x _avg_len: latest posteriors of each class, rings
+    std::vector<std::vector<float>>
+        _smoothed;               // 9 x _max_len: latest averages of each class, rings
+    std::vector<float> _sums;    // running sum of each `_history` row
+    std::vector<float> _maxima;  // maximum of each `_smoothed` row
+    int _filled;                 // frames in `_history` until it is full
+    float _start_threshold;      // score needed to enter speech
+    float _end_threshold;        // score at or below which speech ends
+    int _max_pos;                // write position in `_smoothed` rows
+    int _max_len;                // length of the maximum window, frames
+    int _state;                  // 0 = silence, 1 = speech
 
 private:
     void smooth_class(int k, float posterior, float divisor);

@@ -93,7 +93,8 @@ TEST(Program, WritesATextGridWhoseIntervalsTileTheRecording) {
             std::sscanf(line.c_str(), "            xmin = %lf", &begin) == 1) {
             continue;
         }
-        if (line.rfind("            xmax", 0) == 0 && std::sscanf(line.c_str(), " xmax = %lf", &end) == 1) {
+        if (line.rfind("            xmax", 0) == 0 &&
+            std::sscanf(line.c_str(), " xmax = %lf", &end) == 1) {
             EXPECT_EQ(begin, covered);
             EXPECT_GT(end, begin);
             covered = end;
@@ -122,7 +123,8 @@ TEST(Program, AppliesTheConfigurationFile) {
 TEST(Program, KeepsTheLibrarysLinesApart) {
     const std::string config = scratch("verbose");
     std::ofstream(config) << "PARAM_DEBUG_LOG:1\n";
-    const std::string arguments = "--verbose --config " + config + " " + source("samples/roadsigns-8k.wav");
+    const std::string arguments =
+        "--verbose --config " + config + " " + source("samples/roadsigns-8k.wav");
     EXPECT_EQ(table(run(arguments + " 2>/dev/null").output).size(), 3U);
     EXPECT_NE(run(arguments + " 2>&1 >/dev/null").output.find("DEBUG:[dnnvad/"), std::string::npos);
 }
