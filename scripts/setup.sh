@@ -50,7 +50,7 @@ missing_of() {
   local native installed name
   native=$(dpkg --print-architecture)
   installed=$(dpkg-query -W -f='${db:Status-Abbrev}${Package}:${Architecture}\n' 2>/dev/null |
-                sed -n "s/^ii //; s/:\($native\|all\)\$//p; /:/p")
+                sed -n "s/^.i //; s/:\($native\|all\)\$//p; /:/p")
   for name; do
     printf '%s\n' "$installed" | grep -qxF -e "$name" || echo "$name"
   done
