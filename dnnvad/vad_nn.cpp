@@ -12,6 +12,7 @@
 #include "dnnvad/aligned.h"
 #include "dnnvad/arch/float4.h"
 #include "dnnvad/arch/fused.h"
+#include "dnnvad/constants.h"
 #include "dnnvad/saturate.h"
 #include "dnnvad/vad_log.h"
 
@@ -21,8 +22,6 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
 namespace tz_dnnvad {
 
 namespace {
-
-enum LoadState { kNotLoaded = 1, kLoaded = 2 };
 
 constexpr int kLineBytes = 1024;
 constexpr long long kMaxInt = std::numeric_limits<int>::max();
@@ -84,7 +83,8 @@ void multiply_rows(const float* A, int stride, const float* x, int length, float
     for (int k = 0; k < tail; ++k) {
 #pragma GCC unroll 8
         for (int r = 0; r < Rows; ++r) {
-            tails[r] = fused_multiply_add(row[r][k], x[k], tails[r]);
+            // Fused with 0 a product is just rounded; the sign of a zero vanishes in the sum below.
+            tails[r] = k == 0 ? row[r][k] * x[k] : fused_multiply_add(row[r][k], x[k], tails[r]);
         }
     }
 #pragma GCC unroll 8
@@ -138,13 +138,13 @@ DNN::DNN(VadConfiger* /*configer*/, const char* path)
       _header_flag(false),
       _mean_vec(nullptr),
       _rev_var_vec(nullptr),
-      _state(kNotLoaded) {
+      _state(kFailed) {
     File file(path);
     if (file.stream == nullptr) {
         VAD_ERROR("failed to open dnn model file[%s]\n", file.path);
         return;
     }
-    _state = load(file) ? kLoaded : kNotLoaded;
+    _state = load(file) ? kUsable : kFailed;
 }
 
 bool DNN::load(File& file) {
