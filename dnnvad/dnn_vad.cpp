@@ -7,6 +7,7 @@
 #include <new>
 
 #include "dnnvad/aligned.h"
+#include "dnnvad/constants.h"
 #include "dnnvad/saturate.h"
 #include "dnnvad/vad_log.h"
 
@@ -17,12 +18,6 @@ const char g_AudioState[6][16] = {"SPEECH2SPEECH", "SPEECH2SIL", "SIL2SIL",
 
 namespace {
 
-constexpr int kNullPointer = -103;
-constexpr int kNoMemory = -107;
-constexpr int kComponentFailed = -120;
-
-constexpr int kFailedState = 1;  // a component's getState() after a failure
-
 // What a session starts from before a model chooses the layout.
 constexpr int kDefaultChannels = 26;
 constexpr int kDefaultLowHz = 40;
@@ -32,12 +27,6 @@ constexpr int kWideBandChannels = 40;
 
 constexpr int kSmoothWindowFrames = 20;
 constexpr int kEnergyVadMaxFrame = 1024;
-
-// Shapes of the bleep buffers: spectra averaged, spectra kept, template rows, first used bin + 1.
-constexpr int kSpecSmooth = 3;
-constexpr int kSpecFrames = 120;
-constexpr int kPatternFrames = 15;
-constexpr int kPatternLow = 5;
 
 // Allocates `count` zeroed elements; a failure prints `name` and `printed_bytes`.
 template <typename T>
@@ -78,7 +67,7 @@ int CMFE::mfeInit(const char* dnnfile) {
     const int error = mfeInit_load_model(dnnfile, nullptr);
     if (error != 0) {
         VAD_ERROR("Fatal Error: MFE Init fail! ErrorNo: %d\n", error);
-        return -1;
+        return kInitFailed;
     }
     return 0;
 }
@@ -159,7 +148,7 @@ int CMFE::load_network(const char* dnnfile) {
             _m_n_max_data_len = saturate_to_int(1LL * _m_n_frame_shift * _m_n_buf_frames);
         }
     }
-    if (_m_p_dnn->getState() == kFailedState) {
+    if (_m_p_dnn->getState() == kFailed) {
         VAD_ERROR("DNN Init Failed\n");
         return kComponentFailed;
     }
@@ -267,7 +256,7 @@ int CMFE::build_feature_chain() {
         _m_p_concatft->next = nullptr;
     }
     _m_p_feat_translator = _m_p_pcm2featureft;
-    if (_m_p_feat_translator->getState() == kFailedState) {
+    if (_m_p_feat_translator->getState() == kFailed) {
         VAD_ERROR("_m_p_feat_translator Init Failed\n");
         return kComponentFailed;
     }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/dnn_vad.h"
 #include "dnnvad/ring.h"
 #include "dnnvad/saturate.h"
@@ -10,14 +11,8 @@
 namespace tz_dnnvad {
 
 namespace {
-constexpr int kNullPointer = -103;
-constexpr int kBadParameter = -109;
-constexpr int kChunkTooLong = -118;
-
 // Input at 16 kHz for an 8 kHz model counts in blocks of this many input samples.
 constexpr int kHalvingBlock = 80;
-
-enum Status { kNotStarted = 0, kSpeaking = 1, kPaused = 2, kTimedOut = 3, kEnded = 6 };
 
 bool is_between_utterances(int status) { return status == kNotStarted || status == kEnded; }
 }  // namespace

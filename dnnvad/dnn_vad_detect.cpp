@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/dnn_vad.h"
 #include "dnnvad/ring.h"
 #include "dnnvad/saturate.h"
@@ -18,39 +19,10 @@ namespace tz_dnnvad {
 
 namespace {
 
-constexpr int kNotSilence = -102;
-constexpr int kBadParameter = -109;
-
-enum Status {
-    kNotStarted = 0,
-    kSpeaking = 1,
-    kPaused = 2,
-    kTimedOut = 3,
-    kTooShort = 4,
-    kTooLong = 5,
-    kEnded = 6,
-};
-
-enum FrameState {
-    kSpeech2Speech = 0,
-    kSpeech2Sil = 1,
-    kSil2Sil = 2,
-    kSil2Speech = 3,
-    kNotBegin = 4,
-    kInvalid = 5,
-};
-
-constexpr int kClasses = 9;
-constexpr int kFirstSpeechClass = 3;
-
 constexpr int kGatingPause = 30;  // frames between two starts of gating
 
-constexpr int kBlip = 9;            // frames: a first utterance up to this long is forgotten
-constexpr int kMinBleep = 15;       // frames: shorter ones are not the prompt
-constexpr int kSpecSmooth = 3;      // spectra averaged for the bleep detector
-constexpr int kSpecFrames = 120;    // spectra kept for it
-constexpr int kPatternLow = 5;      // template: first used bin + 1
-constexpr int kPatternFrames = 15;  // template rows
+constexpr int kBlip = 9;       // frames: a first utterance up to this long is forgotten
+constexpr int kMinBleep = 15;  // frames: shorter ones are not the prompt
 
 }  // namespace
 

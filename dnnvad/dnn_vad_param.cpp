@@ -6,6 +6,7 @@
 #include <limits>
 #include <memory>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/dnn_vad.h"
 #include "dnnvad/saturate.h"
 #include "dnnvad/vad_log.h"
@@ -13,8 +14,6 @@
 namespace tz_dnnvad {
 
 namespace {
-
-constexpr int kBadParameter = -109;
 
 // ---- Configuration file ---------------------------------------------------------------------------
 

@@ -4,14 +4,13 @@
 // on, extended.
 #include <algorithm>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/dnn_vad.h"
 #include "dnnvad/saturate.h"
 
 namespace tz_dnnvad {
 
 namespace {
-enum Status { kNotStarted = 0, kSpeaking = 1, kPaused = 2, kTooLong = 5, kEnded = 6 };
-
 // A record after another one keeps this lead-in, in frames, where it does not reach back into the
 // previous speech.
 constexpr int kLeadIn = 10;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/ring.h"
 
 namespace tz_evad {
@@ -17,12 +18,6 @@ namespace ring = tz_dnnvad::ring;
 // Entering speech takes more than leaving it, so that a level in between does not flutter.
 constexpr double kStartFactor = 1.2;
 constexpr double kEndFactor = 1.15;
-
-constexpr int kSpeechToSpeech = 0;
-constexpr int kSpeechToSilence = 1;
-constexpr int kSilenceToSilence = 2;
-constexpr int kSilenceToSpeech = 3;
-constexpr int kInvalid = 5;
 
 long long sum(int x, int y) { return static_cast<long long>(x) + y; }
 
@@ -170,7 +165,7 @@ void train(Vad& vad, int mean) {
 // Starts and ends are found by equality, so a setting of 0 or less means never.
 void process_silence(Vad& vad, const short* samples, int n, int mean) {
     remember(vad, samples, n);
-    vad.state = kSilenceToSilence;
+    vad.state = tz_dnnvad::kSil2Sil;
     if (mean < vad.noise_level * kStartFactor) {
         vad.start_count = 0;
         return;
@@ -180,7 +175,7 @@ void process_silence(Vad& vad, const short* samples, int n, int mean) {
         deliver_history(vad);
         vad.start_count = 0;
         vad.in_speech = true;
-        vad.state = kSilenceToSpeech;
+        vad.state = tz_dnnvad::kSil2Speech;
     }
 }
 
@@ -188,7 +183,7 @@ void process_speech(Vad& vad, const short* samples, int n, int mean) {
     reserve_output(vad, n);
     ring::write(samples, n, vad.out_buf, vad.out_size, sum(vad.out_head, vad.out_count));
     vad.out_count = wrapped_sum(vad.out_count, n);
-    vad.state = kSpeechToSpeech;
+    vad.state = tz_dnnvad::kSpeech2Speech;
     if (mean >= vad.noise_level * kEndFactor) {
         vad.end_count = 0;
         return;
@@ -197,7 +192,7 @@ void process_speech(Vad& vad, const short* samples, int n, int mean) {
     if (vad.end_count == vad.end_frames) {
         vad.end_count = 0;
         vad.in_speech = false;
-        vad.state = kSpeechToSilence;
+        vad.state = tz_dnnvad::kSpeech2Sil;
     }
 }
 
@@ -261,7 +256,7 @@ int Vad::vad_detect(const short* samples, int n, int& out) {
 
 int Vad::evad_process_one_frame(const short* samples, int n) {
     int waiting = 0;
-    return vad_detect(samples, n, waiting) == 0 ? state : kInvalid;
+    return vad_detect(samples, n, waiting) == 0 ? state : tz_dnnvad::kInvalid;
 }
 
 int Vad::vad_get_data(short* destination, int n) {
@@ -294,7 +289,7 @@ int Vad::free() {
     hist_count = 0;
     len_head = 0;
     len_count = 0;
-    state = kSilenceToSilence;
+    state = tz_dnnvad::kSil2Sil;
     if (hist_buf == nullptr) {
         renew_history(*this);
     }

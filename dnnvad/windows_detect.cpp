@@ -3,21 +3,14 @@
 #include <algorithm>
 #include <cmath>
 
+#include "dnnvad/constants.h"
+
 namespace tz_dnnvad {
 
 namespace {
-constexpr int kClasses = 9;
-constexpr int kFirstSpeechClass = 3;
 constexpr int kAverageFrames = 3;
 
 enum State { kSilence = 0, kSpeech = 1 };
-enum FrameState {
-    kSpeech2Speech = 0,
-    kSpeech2Sil = 1,
-    kSil2Sil = 2,
-    kSil2Speech = 3,
-    kInvalid = 5
-};
 }  // namespace
 
 WindowsDetector::WindowsDetector(const VadConfiger* configer)

@@ -4,14 +4,12 @@
 #include <cstdlib>
 #include <limits>
 
+#include "dnnvad/constants.h"
 #include "dnnvad/vad_log.h"
 
 namespace tz_dnnvad {
 
 namespace {
-
-constexpr int kFailed = 1;
-constexpr int kUsable = 2;
 
 // Zeroed storage for `count` floats; null for a negative count or when memory is short.
 float* allocate_floats(int count) {
