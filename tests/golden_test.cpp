@@ -10,22 +10,25 @@
 namespace {
 
 const std::string kFolder = DNNVAD_SOURCE_DIR "/tests/golden";
-constexpr double kScoreTolerance = 2e-4;
+constexpr double kScoreTolerance = 2e-5;
 
 std::vector<std::string> golden_names() {
     std::vector<std::string> names;
     for (const auto& entry : std::filesystem::directory_iterator(kFolder)) {
-        if (entry.path().extension() == ".trace") names.push_back(entry.path().stem().string());
+        if (entry.path().extension() == ".trace")
+            names.push_back(entry.path().stem().string());
     }
     std::sort(names.begin(), names.end());
     return names;
 }
 
 bool same(const std::string& expected, const std::string& actual) {
-    if (expected.rfind("~ ", 0) != 0 || actual.rfind("~ ", 0) != 0) return expected == actual;
+    if (expected.rfind("~ ", 0) != 0 || actual.rfind("~ ", 0) != 0)
+        return expected == actual;
     std::istringstream a(expected.substr(2)), b(actual.substr(2));
     for (double x = 0, y = 0; bool(a >> x) | bool(b >> y);) {
-        if (!a || !b || std::abs(x - y) > kScoreTolerance) return false;
+        if (!a || !b || std::abs(x - y) > kScoreTolerance)
+            return false;
     }
     return true;
 }
@@ -49,8 +52,8 @@ TEST_P(Golden, LibraryFollowsTheTrace) {
         size_t i = 0;
         while ((more = bool(std::getline(file, line))) && line.rfind("> ", 0) != 0) {
             ASSERT_LT(i, actual.size()) << "after: " << operation << "\nmissing: " << line;
-            ASSERT_TRUE(same(line, actual[i])) << "after: " << operation << "\nexpected: " << line
-                                               << "\nactual:   " << actual[i];
+            ASSERT_TRUE(same(line, actual[i]))
+                << "after: " << operation << "\nexpected: " << line << "\nactual:   " << actual[i];
             ++i, ++compared;
         }
         ASSERT_EQ(i, actual.size()) << "after: " << operation;

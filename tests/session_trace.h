@@ -21,7 +21,8 @@ namespace session_trace {
 
 inline uint32_t fnv(const void* data, size_t size, uint32_t h = 0x811C9DC5U) {
     const auto* bytes = static_cast<const unsigned char*>(data);
-    for (size_t i = 0; i < size; ++i) h = (h ^ bytes[i]) * 0x01000193U;
+    for (size_t i = 0; i < size; ++i)
+        h = (h ^ bytes[i]) * 0x01000193U;
     return h;
 }
 
@@ -45,27 +46,32 @@ public:
     explicit Source(int rate = 8000, uint32_t seed = 1) : rate_(rate), seed_(seed) {}
 
     void silence(int ms, int amplitude) {
-        for (int i = 0; i < ms * rate_ / 1000; ++i) pcm_.push_back(static_cast<short>(noise(amplitude)));
+        for (int i = 0; i < ms * rate_ / 1000; ++i)
+            pcm_.push_back(static_cast<short>(noise(amplitude)));
     }
 
     void speech(int ms, int amplitude, int noise_amplitude, int set) {
-        static const int pitches[2][6] = {{420, 760, 1150, 1650, 2250, 3000}, {330, 600, 950, 1400, 1950, 2600}};
+        static const int pitches[2][6] = {{420, 760, 1150, 1650, 2250, 3000},
+                                          {330, 600, 950, 1400, 1950, 2600}};
         uint32_t phase = 0;
         for (int i = 0; i < ms * rate_ / 1000; ++i) {
             const uint64_t pitch = static_cast<uint64_t>(pitches[set][i * 1000 / rate_ / 30 % 6]);
             phase += static_cast<uint32_t>((pitch << 32) / static_cast<uint64_t>(rate_));
             int wave = std::abs(static_cast<int>(phase >> 16) - 32768) * 2 - 32768;
             wave += (std::abs(static_cast<int>(phase * 2 >> 16) - 32768) * 2 - 32768) >> 3;
-            const int64_t value = ((static_cast<int64_t>(wave) * amplitude) >> 15) + noise(noise_amplitude);
+            const int64_t value =
+                ((static_cast<int64_t>(wave) * amplitude) >> 15) + noise(noise_amplitude);
             pcm_.push_back(static_cast<short>(std::clamp<int64_t>(value, -32768, 32767)));
         }
     }
 
     void wav(const std::string& path) {
         std::ifstream file(path, std::ios::binary);
-        const std::string data((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+        const std::string data((std::istreambuf_iterator<char>(file)),
+                               std::istreambuf_iterator<char>());
         const size_t at = data.find("data");
-        if (at == std::string::npos) return;
+        if (at == std::string::npos)
+            return;
         uint32_t size = 0;
         std::memcpy(&size, &data[at + 4], 4);
         const size_t old = pcm_.size();
@@ -78,7 +84,8 @@ public:
 
     std::vector<short> take(int n) {
         std::vector<short> out(static_cast<size_t>(n) + 1);  // never empty: its address counts
-        for (int i = 0; i < n; ++i, ++position_) out[static_cast<size_t>(i)] = pcm_[position_ % pcm_.size()];
+        for (int i = 0; i < n; ++i, ++position_)
+            out[static_cast<size_t>(i)] = pcm_[position_ % pcm_.size()];
         return out;
     }
 
@@ -96,7 +103,8 @@ private:
 
 class Trace {
 public:
-    explicit Trace(std::string folder) : folder_(std::move(folder)), session_(new tz_dnnvad::CMFE) {}
+    explicit Trace(std::string folder)
+        : folder_(std::move(folder)), session_(new tz_dnnvad::CMFE) {}
 
     // The lines that one operation ("run 80 8000") prints.
     std::vector<std::string> operation(const std::string& text) {
@@ -111,10 +119,12 @@ public:
             source_.wav(folder_ + "/" + name);
         } else {
             std::vector<int> n;
-            for (int value = 0; words >> value;) n.push_back(value);
+            for (int value = 0; words >> value;)
+                n.push_back(value);
             const size_t given = n.size();
             n.resize(std::max<size_t>(given, 4));
-            if (!signal(name, n) && !listing(name, n, given)) call(name, n);
+            if (!signal(name, n) && !listing(name, n, given))
+                call(name, n);
         }
         return out_;
     }
@@ -130,18 +140,20 @@ private:
             print(join(s.mfeSetParam(std::stoi(first), std::stof(second))));
         } else if (name == "get") {
             char value[32];
-            std::snprintf(value, sizeof value, "%.9g", static_cast<double>(s.mfeGetParam(std::stoi(first))));
+            std::snprintf(value, sizeof value, "%.9g",
+                          static_cast<double>(s.mfeGetParam(std::stoi(first))));
             print(value);
         } else {
             const std::string model = folder_ + "/" + first, bleep = folder_ + "/" + second;
             const int rc = second.empty() ? s.mfeInit(model.c_str())
                                           : s.mfeInit_load_model(model.c_str(), bleep.c_str());
-            if (s._m_p_dst_nn) std::memset(s._m_p_dst_nn, 0, sizeof(float) * static_cast<size_t>(s._m_n_nn_dim));
+            if (s._m_p_dst_nn)
+                std::memset(s._m_p_dst_nn, 0, sizeof(float) * static_cast<size_t>(s._m_n_nn_dim));
             if (s._m_p_frame_state) {
                 std::memset(s._m_p_frame_state, 255, static_cast<size_t>(s._m_n_ring_frames));
             }
-            print(join(rc, "|", s._m_n_sample_rate, s._m_n_frame_shift, s._m_n_buf_frames, s._m_n_max_data_len,
-                       s._m_n_bleep_detect, "|", fields()));
+            print(join(rc, "|", s._m_n_sample_rate, s._m_n_frame_shift, s._m_n_buf_frames,
+                       s._m_n_max_data_len, s._m_n_bleep_detect, "|", fields()));
         }
     }
 
@@ -187,33 +199,44 @@ private:
     void call(const std::string& name, const std::vector<int>& n) {
         tz_dnnvad::CMFE& s = *session_;
         int rc = -9999;
-        if (name == "send") rc = s.mfeSendData(source_.take(n[0]).data(), n[0]);
-        if (name == "sendnull") rc = s.mfeSendData(nullptr, n[0]);
-        if (name == "end") rc = s.mfeSendData(nullptr, 0);
-        if (name == "frame") rc = s.mfeVADOneFrame(source_.take(n[0]).data(), n[0], n[1], n[2] != 0);
-        if (name == "pause") s.mfeAdjustPauseThreshold(n[0]), rc = 0;
-        if (name == "detect") rc = s.mfeDNNDetect();
-        if (name == "reset") rc = s.mfeReset();
-        if (name == "exit") rc = s.mfeExit();
-        if (name == "stop") rc = s.UserStop();
+        if (name == "send")
+            rc = s.mfeSendData(source_.take(n[0]).data(), n[0]);
+        if (name == "sendnull")
+            rc = s.mfeSendData(nullptr, n[0]);
+        if (name == "end")
+            rc = s.mfeSendData(nullptr, 0);
+        if (name == "frame")
+            rc = s.mfeVADOneFrame(source_.take(n[0]).data(), n[0], n[1], n[2] != 0);
+        if (name == "pause")
+            s.mfeAdjustPauseThreshold(n[0]), rc = 0;
+        if (name == "detect")
+            rc = s.mfeDNNDetect();
+        if (name == "reset")
+            rc = s.mfeReset();
+        if (name == "exit")
+            rc = s.mfeExit();
+        if (name == "stop")
+            rc = s.UserStop();
         print(join(rc, "|", fields()));
     }
 
     std::string fields() const {
         const tz_dnnvad::CMFE& s = *session_;
         std::string text = join(
-            s._m_n_status, s._m_n_last_status, s._m_n_samples_in, s._m_n_samples_8k, s._m_n_samples_16k,
-            s._m_n_decim_rest, "|", s._m_n_pass_first_frame, s._m_n_frames_avail, s._m_n_cur_frame, "|",
-            s._m_n_last_speech, s._m_n_speech_start, s._m_n_onset_count, s._m_n_onset_frame,
-            s._m_n_prev_last_speech, "|", s._m_n_max_speech_pause, s._m_n_max_wait, "|", s._m_n_out_begin,
-            s._m_n_out_end, s._m_n_speech_end_sample, "|", s._m_n_speech_frames, s._m_n_sil_frames, "|",
+            s._m_n_status, s._m_n_last_status, s._m_n_samples_in, s._m_n_samples_8k,
+            s._m_n_samples_16k, s._m_n_decim_rest, "|", s._m_n_pass_first_frame,
+            s._m_n_frames_avail, s._m_n_cur_frame, "|", s._m_n_last_speech, s._m_n_speech_start,
+            s._m_n_onset_count, s._m_n_onset_frame, s._m_n_prev_last_speech, "|",
+            s._m_n_max_speech_pause, s._m_n_max_wait, "|", s._m_n_out_begin, s._m_n_out_end,
+            s._m_n_speech_end_sample, "|", s._m_n_speech_frames, s._m_n_sil_frames, "|",
             s._m_n_evad_active, s._m_n_evad_on_frame, "|", s._m_n_user_stop, s._m_b_data_end, "|");
         for (const auto& g : s._m_v_segments) {
             text += " " + std::to_string(g.start) + ":" + std::to_string(g.end) + ":" +
                     std::to_string(g.speech_start) + ":" + std::to_string(g.last_speech);
         }
         if (exact_ && s._m_p_dst_nn) {
-            text += " nn=" + hex(fnv(s._m_p_dst_nn, sizeof(float) * static_cast<size_t>(s._m_n_nn_dim)));
+            text += " nn=" +
+                    hex(fnv(s._m_p_dst_nn, sizeof(float) * static_cast<size_t>(s._m_n_nn_dim)));
         }
         return text;
     }
@@ -222,14 +245,16 @@ private:
         std::vector<char> pcm(static_cast<size_t>(std::max(capacity, 1)));
         int bytes = -1;
         session_->mfeGetCallbackData(pcm.data(), &bytes, capacity);
-        return join("callback", bytes, hex(fnv(pcm.data(), static_cast<size_t>(std::max(bytes, 0)))));
+        return join("callback", bytes,
+                    hex(fnv(pcm.data(), static_cast<size_t>(std::max(bytes, 0)))));
     }
 
     void run(int chunk, int total, int capacity) {
         tz_dnnvad::CMFE& s = *session_;
         uint32_t h = 0x811C9DC5U;
         std::string shown;
-        if (total == 0) total = source_.left();
+        if (total == 0)
+            total = source_.left();
         for (int sent = 0; sent < total;) {
             const int n = std::min(chunk, total - sent);
             sent += n;
@@ -237,19 +262,24 @@ private:
             const int result = s.mfeDNNDetect();
             scores_.push_back(score());
             std::string line = join(sent, rc, result, "|", fields());
-            if (capacity >= 0) line += " " + handed_out(capacity);
+            if (capacity >= 0)
+                line += " " + handed_out(capacity);
             h = fnv(line.data(), line.size(), h);
-            const std::string key = join(rc, result, s._m_n_status, s._m_v_segments.size(), s._m_n_evad_active);
-            if (key != shown || sent == total) print(line + " #" + hex(h));
+            const std::string key =
+                join(rc, result, s._m_n_status, s._m_v_segments.size(), s._m_n_evad_active);
+            if (key != shown || sent == total)
+                print(line + " #" + hex(h));
             shown = key;
         }
     }
 
     double score() const {
         const tz_dnnvad::WindowsDetector* detector = session_->_m_p_windows_detector;
-        if (!detector) return 0;
+        if (!detector)
+            return 0;
         float sum = 1.0F;
-        for (size_t k = 3; k < 9; ++k) sum += std::log(std::max(detector->_maxima[k], 0.0F));
+        for (size_t k = 3; k < 9; ++k)
+            sum += std::log(std::max(detector->_maxima[k], 0.0F));
         return static_cast<double>(std::exp(sum / 6.0F));
     }
 
@@ -257,11 +287,13 @@ private:
         const tz_dnnvad::CMFE& s = *session_;
         std::string text;
         const int size = s._m_n_ring_frames;
-        for (int f = std::max(0, s._m_n_frames_avail - size), count = 0; f < s._m_n_frames_avail; ++f) {
+        for (int f = std::max(0, s._m_n_frames_avail - size), count = 0; f < s._m_n_frames_avail;
+             ++f) {
             ++count;
             const int state = s._m_p_frame_state[f % size];
             if (f + 1 == s._m_n_frames_avail || s._m_p_frame_state[(f + 1) % size] != state) {
-                text += (text.empty() ? "" : " ") + std::to_string(state) + "*" + std::to_string(count);
+                text +=
+                    (text.empty() ? "" : " ") + std::to_string(state) + "*" + std::to_string(count);
                 count = 0;
             }
         }

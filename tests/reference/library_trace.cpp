@@ -9,9 +9,11 @@ int main(int argc, char** argv) {
         std::ifstream script(path);
         std::ofstream output(argv[i + 1]);
         for (std::string line; std::getline(script, line);) {
-            if (line.rfind("> ", 0) != 0) continue;
+            if (line.rfind("> ", 0) != 0)
+                continue;
             output << line << "\n";
-            for (const auto& text : trace.operation(line.substr(2))) output << text << "\n";
+            for (const auto& text : trace.operation(line.substr(2)))
+                output << text << "\n";
             output.flush();
         }
     }
