@@ -25,11 +25,14 @@ std::vector<std::string> golden_names() {
 bool same(const std::string& expected, const std::string& actual) {
     if (expected.rfind("~ ", 0) != 0 || actual.rfind("~ ", 0) != 0)
         return expected == actual;
-    std::istringstream a(expected.substr(2)), b(actual.substr(2));
-    for (double x = 0, y = 0; bool(a >> x) | bool(b >> y);) {
-        if (!a || !b || std::abs(x - y) > kScoreTolerance)
-            return false;
+    std::istringstream expected_scores(expected.substr(2));
+    std::istringstream actual_scores(actual.substr(2));
+    double wanted = 0;
+    double got = 0;
+    while (expected_scores >> wanted) {
+        if (!(actual_scores >> got) || std::abs(wanted - got) > kScoreTolerance) return false;
     }
+    if (actual_scores >> got) return false;
     return true;
 }
 
