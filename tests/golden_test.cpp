@@ -30,9 +30,11 @@ bool same(const std::string& expected, const std::string& actual) {
     double wanted = 0;
     double got = 0;
     while (expected_scores >> wanted) {
-        if (!(actual_scores >> got) || std::abs(wanted - got) > kScoreTolerance) return false;
+        if (!(actual_scores >> got) || std::abs(wanted - got) > kScoreTolerance)
+            return false;
     }
-    if (actual_scores >> got) return false;
+    if (actual_scores >> got)
+        return false;
     return true;
 }
 
