@@ -213,6 +213,8 @@ TEST(Audio, TheNewestSamplesFitTheBuffer) {
               "ERROR:[dnnvad/dnn_vad_audio.cpp:]iLen[4000] > iMaxLen[1001]\n");
     EXPECT_EQ(some, Samples(chunk.end() - 500, chunk.end()));
     EXPECT_TRUE(take(session, 4000).empty());
+    send(session, chunk);
+    EXPECT_EQ(printed([&] { EXPECT_EQ(take(session, 4000), chunk); }), "");  // just fits
     printed([&] {
         for (const int capacity : {1, 0, INT_MIN}) {
             send(session, chunk);
