@@ -1,12 +1,9 @@
 #include "bench/workloads.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <memory>
 #include <random>
 
@@ -18,29 +15,13 @@
 #include "dnnvad/feat/signal_process.h"
 #include "dnnvad/feat/wav2feat.h"
 #include "tests/model_writer.h"
+#include "tests/temp_file.h"
 
 namespace bench {
 
 namespace {
 
 using namespace tz_dnnvad;
-
-// A path that is removed with the object.
-class TempFile {
-public:
-    explicit TempFile(const std::string& content) {
-        static int number = 0;
-        path_ = "/tmp/dnnvad_bench_" + std::to_string(getpid()) + "_" + std::to_string(number++);
-        std::ofstream(path_, std::ios::binary) << content;
-    }
-    ~TempFile() { std::remove(path_.c_str()); }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-    const char* path() const { return path_.c_str(); }
-
-private:
-    std::string path_;
-};
 
 // Networks of two hidden layers whose input is normalised to about -1 .. 1: 11 frames of 26 channels
 // at 8 kHz, of 40 at 16 kHz.
@@ -96,8 +77,8 @@ std::shared_ptr<float[]> random_vector(int count) {
 class Stream {
 public:
     explicit Stream(int rate) : rate_(rate), samples_(recording(rate)) {
-        const TempFile model(model_bytes(rate));
-        const TempFile bleep(bleep_template(rate));
+        const test::TempFile model(model_bytes(rate));
+        const test::TempFile bleep(bleep_template(rate));
         for (const int limit : {1, 2, 3, 5}) {
             session.mfeSetParam(limit, 1e9F);  // no pause or time-out ends a pass early
         }
@@ -179,7 +160,7 @@ Run matrix(int inputs, int outputs) {
 }
 
 Run network() {
-    const TempFile file(model_bytes(8000));
+    const test::TempFile file(model_bytes(8000));
     const auto net = std::make_shared<DNN>(nullptr, file.path());
     return [net, in = random_vector(286), out = random_vector(9)] {
         net->forward(in.get(), 286, out.get());

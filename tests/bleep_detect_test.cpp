@@ -6,11 +6,12 @@
 #include <cmath>
 #include <cstddef>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
 #include <vector>
+
+#include "tests/temp_file.h"
 
 namespace {
 
@@ -25,11 +26,9 @@ struct Loaded {
     int result;
 
     explicit Loaded(const std::string& text, int low = 2) {
-        const std::string path = testing::TempDir() + "bleep_detect_test.txt";
-        std::ofstream(path) << text;
-        result = BleepDetector().load_dector_model(path.c_str(), 2, 3, pattern.data(), low,
+        const test::TempFile file(text);
+        result = BleepDetector().load_dector_model(file.path(), 2, 3, pattern.data(), low,
                                                    weights.data());
-        std::filesystem::remove(path);
     }
 };
 

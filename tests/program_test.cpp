@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/temp_file.h"
+
 namespace {
 
 struct Result {
@@ -27,8 +29,6 @@ Result run(const std::string& arguments) {
 }
 
 std::string source(const std::string& path) { return DNNVAD_SOURCE_DIR "/" + path; }
-
-std::string scratch(const std::string& name) { return testing::TempDir() + "dnnvad_" + name; }
 
 std::string read_file(const std::string& path) {
     std::ostringstream text;
@@ -83,9 +83,10 @@ TEST_P(Recording, HasTheUtterancesThatWereMarkedByHand) {
 INSTANTIATE_TEST_SUITE_P(Samples, Recording, testing::Values("roadsigns-8k", "stream-16k"));
 
 TEST(Program, WritesATextGridWhoseIntervalsTileTheRecording) {
-    const std::string path = scratch("tier.TextGrid");
-    ASSERT_EQ(run("--textgrid " + path + " " + source("samples/roadsigns-8k.wav")).status, 0);
-    std::istringstream text(read_file(path));
+    const test::TempFile grid("");
+    const std::string recording = source("samples/roadsigns-8k.wav");
+    ASSERT_EQ(run(std::string("--textgrid ") + grid.path() + " " + recording).status, 0);
+    std::istringstream text(read_file(grid.path()));
     double begin = -1, end = -1, duration = -1, covered = 0;
     int speech = 0;
     for (std::string line; std::getline(text, line);) {
@@ -107,10 +108,9 @@ TEST(Program, WritesATextGridWhoseIntervalsTileTheRecording) {
 
 // Keys that the file leaves out keep their defaults: a start margin of 0 comes only from its key.
 TEST(Program, AppliesTheConfigurationFile) {
-    const std::string config = scratch("config");
-    std::ofstream(config) << "# margins\nPARAM_START_BACK_FRAME:0\nPARAM_END_BACK_FRAME: 5\n";
+    const test::TempFile config("# margins\nPARAM_START_BACK_FRAME:0\nPARAM_END_BACK_FRAME: 5\n");
     const std::string recording = source("samples/roadsigns-8k.wav");
-    const Result result = run("--config " + config + " " + recording);
+    const Result result = run(std::string("--config ") + config.path() + " " + recording);
     ASSERT_EQ(result.status, 0);
     const std::vector<Line> rows = table(result.output);
     ASSERT_EQ(rows.size(), table(run(recording).output).size());
@@ -121,10 +121,9 @@ TEST(Program, AppliesTheConfigurationFile) {
 }
 
 TEST(Program, KeepsTheLibrarysLinesApart) {
-    const std::string config = scratch("verbose");
-    std::ofstream(config) << "PARAM_DEBUG_LOG:1\n";
-    const std::string arguments =
-        "--verbose --config " + config + " " + source("samples/roadsigns-8k.wav");
+    const test::TempFile config("PARAM_DEBUG_LOG:1\n");
+    const std::string arguments = std::string("--verbose --config ") + config.path() + " " +
+                                  source("samples/roadsigns-8k.wav");
     EXPECT_EQ(table(run(arguments + " 2>/dev/null").output).size(), 3U);
     EXPECT_NE(run(arguments + " 2>&1 >/dev/null").output.find("DEBUG:[dnnvad/"), std::string::npos);
 }

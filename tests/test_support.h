@@ -1,33 +1,15 @@
-// Files that vanish after use, and what a call prints.
+// What a call prints, and files that vanish after use.
 #ifndef DNNVAD_TESTS_TEST_SUPPORT_H
 #define DNNVAD_TESTS_TEST_SUPPORT_H
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <fstream>
 #include <string>
 
+#include "tests/temp_file.h"
+
 namespace test {
-
-class TempFile {
-public:
-    explicit TempFile(const std::string& content) {
-        static int number = 0;
-        path_ = testing::TempDir() + "dnnvad_" + std::to_string(getpid()) + "_" +
-                std::to_string(number++);
-        std::ofstream(path_, std::ios::binary) << content;
-    }
-    ~TempFile() { std::remove(path_.c_str()); }
-    TempFile(const TempFile&) = delete;
-    TempFile& operator=(const TempFile&) = delete;
-
-    const char* path() const { return path_.c_str(); }
-
-private:
-    std::string path_;
-};
 
 // What `call` prints on standard output, without the line numbers of log prefixes.
 template <typename Call>
