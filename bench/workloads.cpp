@@ -206,7 +206,9 @@ Run energy_detector() {
 }
 
 Run model_load() {
-    return [file = std::make_shared<TempFile>(model_bytes(8000))] { DNN(nullptr, file->path()); };
+    return [file = std::make_shared<test::TempFile>(model_bytes(8000))] {
+        DNN(nullptr, file->path());
+    };
 }
 
 // Chunks of half a second make the sending of samples a small part of a session's frame.
