@@ -392,40 +392,40 @@ public:
 
 private:
     // Steps of mfeInit_load_model, each with its messages; 0 or an error number.
-    int allocate_rings();
-    int load_network(const char* dnnfile);
-    int resize_input_ring();
-    int allocate_frame_buffers();
-    int allocate_bleep_buffers(const char* bleepfile);
-    int build_feature_chain();
-    int create_energy_vad();
+    DNNVAD_LOCAL int allocate_rings();
+    DNNVAD_LOCAL int load_network(const char* dnnfile);
+    DNNVAD_LOCAL int resize_input_ring();
+    DNNVAD_LOCAL int allocate_frame_buffers();
+    DNNVAD_LOCAL int allocate_bleep_buffers(const char* bleepfile);
+    DNNVAD_LOCAL int build_feature_chain();
+    DNNVAD_LOCAL int create_energy_vad();
 
-    int set_buffer_length(int samples);
-    int set_sample_rate(int rate);
+    DNNVAD_LOCAL int set_buffer_length(int samples);
+    DNNVAD_LOCAL int set_sample_rate(int rate);
 
     int frame_length() const { return _m_b_16k_model ? _m_n_frame_len_16k : _m_n_frame_len_8k; }
     int model_shift() const { return _m_b_16k_model ? _m_n_frame_shift_16k : _m_n_frame_shift_8k; }
 
     // Steps of mfeSendData and mfeGetCallbackData.
-    void halve_new_samples(int end);
-    int hand_out(char* out, int capacity);
+    DNNVAD_LOCAL void halve_new_samples(int end);
+    DNNVAD_LOCAL int hand_out(char* out, int capacity);
 
     // Steps of mfeDNNDetect.
-    int detect_pass_through();
-    bool begin_pass();
-    void gather_frame(int frame);
+    DNNVAD_LOCAL int detect_pass_through();
+    DNNVAD_LOCAL bool begin_pass();
+    DNNVAD_LOCAL void gather_frame(int frame);
     template <typename Sample>
-    void read_model_ring(long long position, int count, Sample* samples);
-    int frame_state(int frame);
-    bool compute_posteriors(int count, int frame);
-    bool transition(int f, int state);
-    bool silence_transition(int f);
-    void gate_with_energy(int f);
-    int frame_energy() const;
-    void end_of_speech(int frame);
-    bool is_bleep();
-    int margin_end();
-    int segment_start() const;
+    DNNVAD_LOCAL void read_model_ring(long long position, int count, Sample* samples);
+    DNNVAD_LOCAL int frame_state(int frame);
+    DNNVAD_LOCAL bool compute_posteriors(int count, int frame);
+    DNNVAD_LOCAL bool transition(int f, int state);
+    DNNVAD_LOCAL bool silence_transition(int f);
+    DNNVAD_LOCAL void gate_with_energy(int f);
+    DNNVAD_LOCAL int frame_energy() const;
+    DNNVAD_LOCAL void end_of_speech(int frame);
+    DNNVAD_LOCAL bool is_bleep();
+    DNNVAD_LOCAL int margin_end();
+    DNNVAD_LOCAL int segment_start() const;
 };
 
 }  // namespace tz_dnnvad

@@ -80,12 +80,12 @@ public:
 
 private:
     struct File;
-    bool load(File& file);
-    bool read_header(File& file);
-    bool read_vector(File& file, const char* token, const char* name, float*& vector);
-    bool read_layers(File& file);
-    bool allocate_layers();
-    int copy_parameters(const float* params, int param_num);
+    DNNVAD_LOCAL bool load(File& file);
+    DNNVAD_LOCAL bool read_header(File& file);
+    DNNVAD_LOCAL bool read_vector(File& file, const char* token, const char* name, float*& vector);
+    DNNVAD_LOCAL bool read_layers(File& file);
+    DNNVAD_LOCAL bool allocate_layers();
+    DNNVAD_LOCAL int copy_parameters(const float* params, int param_num);
 };
 
 // C (m x q) = A (m x n) B (p x q) in plain order, or matrix_product_neon when q = 1. Returns 0, or

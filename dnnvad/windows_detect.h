@@ -46,9 +46,9 @@ public:
     int _state;                  // 0 = silence, 1 = speech
 
 private:
-    void smooth_class(int k, float posterior, float divisor);
-    float score() const;
-    int decide(float score, int frame);
+    DNNVAD_LOCAL void smooth_class(int k, float posterior, float divisor);
+    DNNVAD_LOCAL float score() const;
+    DNNVAD_LOCAL int decide(float score, int frame);
 };
 
 }  // namespace tz_dnnvad

@@ -39,7 +39,8 @@ int main(int argc, char** argv) {
     std::size_t got = std::fread(window.data(), sizeof window[0], kFrame, in.get());
     int number = 0;
     while (got != 0) {
-        if (number == 0 && got < kFrame) break;
+        if (number == 0 && got < kFrame)
+            break;
         frame.assign(window.begin(), window.end());
         head.translate(frame.data(), kFrame, number++);
         if (std::fwrite(head.dstFeature, sizeof(float), kFeatures, out.get()) != kFeatures) {
@@ -47,7 +48,8 @@ int main(int argc, char** argv) {
             return 1;
         }
         got = std::fread(fresh.data(), sizeof fresh[0], kShift, in.get());
-        if (got < kShift) break;
+        if (got < kShift)
+            break;
         window.erase(window.begin(), window.begin() + kShift);
         window.insert(window.end(), fresh.begin(), fresh.end());
     }

@@ -27,7 +27,8 @@ int main(int argc, char** argv) {
     const long reset = argc == 5 ? std::strtol(argv[4], nullptr, 10) : 0;
     VadConfiger settings;
     DNN network(&settings, argv[1]);
-    if (network.getState() != 2) return 1;
+    if (network.getState() != 2)
+        return 1;
     const bool narrow = network._feat_dim != 40;
     const int channels = network._feat_dim, length = narrow ? 200 : 400, shift = length * 2 / 5;
     const int inputs = network._layer_size[0];
@@ -38,7 +39,8 @@ int main(int argc, char** argv) {
     ConcatFeatureTranslator concat(channels, inputs);
     head.next = &cmvn;
     cmvn.next = &concat;
-    if (head.getState() != 2) return 1;
+    if (head.getState() != 2)
+        return 1;
     WindowsDetector smoother(&settings);
 
     std::ifstream in(argv[2], std::ios::binary);
@@ -49,7 +51,8 @@ int main(int argc, char** argv) {
     std::ofstream out(argv[3], std::ios::binary);
 
     alignas(16) static float stacked[4096];
-    if (inputs > 4096) return 1;
+    if (inputs > 4096)
+        return 1;
     std::vector<float> frame(static_cast<std::size_t>(length));
     float result[10];
     for (long number = 0; number * shift + length <= count; ++number) {

@@ -61,6 +61,8 @@ case $1 in
     for name in $(LC_ALL=C comm -13 "$here/exports.txt" "$work/exported.txt"); do
       [[ $name == tz_*::*::* ]] && grep -qw -- "${name##*::}" "$work/headers.txt" ||
         die "exported, but not part of the interface: $name"
+      ! grep -qE "DNNVAD_LOCAL .*[^A-Za-z0-9_]${name##*::}\\(" "$work/headers.txt" ||
+        die "a private step is exported: $name"
     done
     ;;
   program)
