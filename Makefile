@@ -4,6 +4,7 @@
 #   make demo               find the speech in the bundled recordings
 #   make test               everything: native, sanitizers, 32-bit and 64-bit ARM under the emulator
 #   make bench              time the library, natively and on ARM
+#   make quality            measure the models beside other detectors; report in build/quality
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
 #   make format             format the sources in place
@@ -15,7 +16,9 @@ MODEL ?= models/vad8k.bin
 
 export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
-.PHONY: demo test bench install lint format clean dist
+PYTHON := /usr/bin/python3
+
+.PHONY: demo test bench quality install lint format clean dist
 
 demo: dist
 	@for recording in samples/*.wav; do \
@@ -29,6 +32,15 @@ test:
 bench:
 	@scripts/setup.sh bench
 	@bench/run.sh
+
+# The evaluation set takes long to make and is kept. Training packages are wanted for it only.
+quality:
+	@scripts/setup.sh quality
+	@[ quality/node_modules/.package-lock.json -nt quality/package-lock.json ] || \
+	    (cd quality && npm ci --ignore-scripts --no-audit --no-fund)
+	@[ -f build/training/heldout.json ] || { training/setup.sh && \
+	    $(PYTHON) training/pipeline.py fetch decode mix-heldout; }
+	@$(PYTHON) quality/quality.py
 
 install: dist
 	cmake --install build/dist --prefix "$(PREFIX)"

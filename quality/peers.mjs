@@ -4,8 +4,8 @@
 //
 // PEER: silero (v5), webrtc0 .. webrtc3 (libfvad in that mode) or rnnoise. IN: 16-bit mono samples
 // at 16 kHz, without a header; the detector starts afresh every SCENE_SAMPLES (without: one stream;
-// samples behind the last whole scene are left out). OUT: a little-endian float per 10 ms frame, see
-// align().
+// samples behind the last whole scene are left out). OUT: a little-endian float per 10 ms frame,
+// as align() says.
 import fs from "node:fs";
 import { createRequire } from "node:module";
 import path from "node:path";
@@ -30,8 +30,8 @@ export function align(scores, size, samples) {
 }
 
 // Three times the rate: a causal polyphase filter (Kaiser-windowed sinc: within 0.4 dB to 7.2 kHz,
-// below -60 dB from 8.4 kHz; it delays by HALF input samples = 1.5 ms). Returns a function that takes
-// the 160 samples of a chunk and fills `out` with 480.
+// below -60 dB from 8.4 kHz; it delays by HALF input samples = 1.5 ms). Returns a function that
+// takes the 160 samples of a chunk and fills `out` with 480.
 export function tripler() {
   const HALF = 24, BETA = 7, CUT = 0.96;
   const bessel = (x) => {
