@@ -226,6 +226,10 @@ def main():
             print(f"quality: there is no {model}", file=sys.stderr)
     detectors += [peer_detector(arguments.work, arguments.out, *peer) for peer in PEERS]
 
+    for detector in detectors:
+        if not detector.score.shape == scenes.marks.shape == detector.found.shape:
+            raise ValueError(f"{detector.name}: not the frames of {len(scenes.marks)} scenes")
+
     results = [measure(scenes, detector) for detector in detectors]
     pick = chosen(scenes, SNR)
     modes = [metrics.frame_rates(peer_scores(arguments.work, arguments.out, f"webrtc{mode}")[pick]

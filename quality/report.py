@@ -169,7 +169,7 @@ PICTURES = (("roc", "ROC", draw_roc, 3.9),
             ("precision", "Precision and recall", draw_precision, 3.9),
             ("f1", "F1 by noise level", draw_f1, 3.4),
             ("missed", "Speech not found", draw_missed, 3.4),
-            ("alarms", "Silence taken for speech", draw_alarms, 3.4),
+            ("alarms", "Taken for speech", draw_alarms, 3.4),
             ("onset", "Onset delay", draw_onset, 3.4), ("end", "End delay", draw_end, 3.4),
             ("begins", "False starts", draw_begins, 5.4),
             ("tones", "Tone bursts", draw_tones, 5.4))
@@ -302,9 +302,9 @@ def paragraphs(about):
         + ", ".join(f"{SOUNDS[g]} {about['scenes'][g]}" for g in SOUNDS if g in about["scenes"])
         + "). Every detector starts each scene afresh.",
         "The mixtures come from the same program as the training mixtures, and the marks from the "
-        "same rule (level of the clean clip), but from other voices and other packages. So the "
-        "models are at home here, more than the others are: expect other figures, most likely "
-        "worse ones for them, on recordings that were made otherwise."]
+        "same rule (level of the clean clip), but the voices are others, and noise and music come "
+        "from other packages. So dnnvad is at home here, more than the others are: expect other "
+        "figures, most likely worse ones for dnnvad, on recordings that were made otherwise."]
     source = about["sources"]
     if source:
         data.append(f"{source['recordings']} held-out recordings of {source['of']} ("
@@ -320,8 +320,10 @@ def paragraphs(about):
         "Silero VAD v5 (chunks of 32 ms, threshold 0.5), RNNoise's probability of voice (at 48 "
         "kHz, threshold 0.5), WebRTC's detector (10 ms, modes 0 to 3). Their frames take the "
         "score of the latest chunk that is complete when the frame has arrived, so no detector "
-        "sees the future, and none but dnnvad gets hangover or hysteresis that is not its own.",
-        "Thresholds are the usual ones, not tuned here; the curves show the others."]),
+        "sees the future. Nothing is smoothed or held but by the detectors themselves.",
+        "Thresholds are the usual ones, not tuned here; the curves show the others. The peers come "
+        "from the npm packages @ricky0123/vad-web, @echogarden/rnnoise-wasm and "
+        "@echogarden/fvad-wasm in the versions of quality/package.json."]),
         ("Figures", [
             "A frame is 10 ms. An utterance is speech of at least 200 ms, pauses up to 300 ms "
             "closed; it is missed when no frame from its start to 200 ms behind its end is found, "

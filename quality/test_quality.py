@@ -125,6 +125,10 @@ class Recordings(unittest.TestCase):
         with open(CLIPS) as file:
             records = json.load(file)
         self.assertEqual({record["held_out"] for record in records}, {False, True})
+        # Speech is held out by voice, the rest by package.
+        origins = [{(r["kind"], r["voice"] if r["kind"] == "speech" else r["package"])
+                    for r in records if r["held_out"] == side} for side in (False, True)]
+        self.assertEqual(origins[0] & origins[1], set())
         samples = np.memmap(CLIPS[:-4] + "s16", np.int16, "r")
         self.assertEqual(quality.shared_recordings(records, samples), [])
 
