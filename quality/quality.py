@@ -146,7 +146,8 @@ def tone_figures(scenes, detector):
 
 
 def measure(scenes, detector):
-    """All figures of a detector: {"all", "speech": by group, "free": by group, "tones"}."""
+    """All figures of a detector: {"all", "speech": by group, "free": by group, "free_apart": without
+    the crowds, which are voices after all, "tones"}."""
     there = {about["group"] for about in scenes.abouts}
     pick = chosen(scenes, SNR)
     score, truth = detector.score[pick], scenes.marks[pick]
@@ -155,6 +156,7 @@ def measure(scenes, detector):
             "speech": {group: speech_figures(scenes, detector, (group,))
                        for group in SPOKEN if group in there},
             "free_all": free_figures(scenes, detector, FREE),
+            "free_apart": free_figures(scenes, detector, set(FREE) - {"crowd"}),
             "free": {group: free_figures(scenes, detector, (group,))
                      for group in FREE if group in there},
             "tones": tone_figures(scenes, detector),
