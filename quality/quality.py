@@ -146,8 +146,10 @@ def tone_figures(scenes, detector):
 
 
 def measure(scenes, detector):
-    """All figures of a detector: {"all", "speech": by group, "free": by group, "free_apart": without
-    the crowds, which are voices after all, "tones"}."""
+    """All figures of a detector, by group and together.
+
+    "free_apart" leaves out the crowds, which are voices after all.
+    """
     there = {about["group"] for about in scenes.abouts}
     pick = chosen(scenes, SNR)
     score, truth = detector.score[pick], scenes.marks[pick]

@@ -326,9 +326,9 @@ def paragraphs(about):
         "score of the latest chunk that is complete when the frame has arrived, so no detector "
         "sees the future. Nothing is smoothed or held but by the detectors themselves.",
         "Nobody gets the level adjusted: the scenes with peaks at \N{MINUS SIGN}60 dB full scale "
-        "come as they are. Thresholds are the usual ones, not tuned here; the curves show the others. The peers come "
-        "from the npm packages @ricky0123/vad-web, @echogarden/rnnoise-wasm and "
-        "@echogarden/fvad-wasm in the versions of quality/package.json."]),
+        "come as they are. Thresholds are the usual ones, not tuned here; the curves show the "
+        "others. The peers come from the npm packages @ricky0123/vad-web, @echogarden/rnnoise-wasm "
+        "and @echogarden/fvad-wasm in the versions of quality/package.json."]),
         ("Figures", [
             "A frame is 10 ms. An utterance is speech of at least 200 ms, pauses up to 300 ms "
             "closed; it is missed when no frame from its start to 200 ms behind its end is found, "
