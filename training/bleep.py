@@ -5,8 +5,8 @@
 
 A session asks the bleep detector once, when its first utterance ends: is this the prompt? What the
 detector then sees is a map of the cells (10 ms by 31.25 Hz) that are nearly as loud as the loudest
-one. Both commands run whole sessions of the library over streams that are made here: prompts, words,
-noise and music in rooms, channels and backgrounds.
+one. Both commands run whole sessions of the library over streams that are made here: prompts,
+words, noise and music in rooms, channels and backgrounds.
 """
 import argparse
 import collections

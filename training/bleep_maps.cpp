@@ -1,4 +1,4 @@
-// Runs a session with default parameters over each of many short streams and says what became of it.
+// Runs a session with default parameters over each of many short streams; says what became of it.
 //
 //     bleep_maps MODEL TEMPLATE OUT [THRESHOLD] < STREAMS
 //
@@ -11,8 +11,8 @@
 //     segments  [[speech_start, last_speech], ...]
 //     asked     rows that the bleep detector was asked about, -1 when it was not
 //     score     its answer
-//     map       its map of cells near the maximum, asked x F cells as hexadecimal digits, 4 a digit,
-//               the first cell in the highest bit
+//     map       its map of cells near the maximum, asked x F cells as hexadecimal digits, four a
+//               digit, the first cell in the highest bit
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>

@@ -2,9 +2,10 @@
 
     python3 training/prompt.py
 
-writes samples/prompt-16k.wav and samples/prompt-8k.wav. A note is a row of harmonics whose strengths
-follow a voice's source and the resonances of the vowel, so that a network that knows voices takes
-it for speech, and whose pitch has a slight vibrato. The second note is a fourth above the first.
+writes samples/prompt-16k.wav and samples/prompt-8k.wav. A note is a row of harmonics whose
+strengths follow a voice's source and the resonances of the vowel, so that a network that knows
+voices takes it for speech, and whose pitch has a slight vibrato. The second note is about a fourth
+above the first.
 """
 import functools
 import os
