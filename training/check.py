@@ -1,160 +1,99 @@
-"""Measure a model file through the library on held-out voices, noises and music."""
+"""Measure a model file through sessions of the library on held-out voices, noises and music."""
 import json
 import os
 import subprocess
 import sys
 
 import numpy as np
-import soundfile
 
-import features
-import network
-from export import read_model
-from label import SHIFT, close_gaps, drop_blips, runs
-from mix import BEDS, RATE, SCENE
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(ROOT, "quality"))
+import features  # noqa: E402
+import metrics  # noqa: E402
+import network  # noqa: E402
+from export import read_model  # noqa: E402
+from mix import FRAMES  # noqa: E402
 
-PAUSE = 90  # frames of silence that end an utterance in a session with default parameters
-
-
-def library_scores(work, model, name):
-    """(posteriors, speech) per frame, every scene a stream of its own, by the library."""
-    tools = features.build_tools(work)
-    target = os.path.join(work, name + ".scores")
-    subprocess.run([os.path.join(tools, "score_pcm"), model, os.path.join(work, name + ".s16"),
-                    target, str(SCENE * RATE // SHIFT)], check=True)
-    table = np.fromfile(target, np.float32).reshape(-1, network.CLASSES + 1)
-    return table[:, :network.CLASSES], np.isin(table[:, network.CLASSES], (0, 3))
+SPEECH_FREE = ("steady", "effects", "machines", "music", "crowd", "tones")
+QUIET = "quiet"  # its scenes do not count among all: nobody else's figures hold them
 
 
-def auc(score, truth):
-    """Area under the receiver operating curve, ties counted half."""
-    values, inverse, counts = np.unique(score, return_inverse=True, return_counts=True)
-    rank = (np.cumsum(counts) - (counts - 1) / 2)[inverse]
-    positive = int(truth.sum())
-    negative = len(truth) - positive
-    return (rank[truth].sum() - positive * (positive + 1) / 2) / (positive * negative)
+def sessions(work, model, name="heldout"):
+    """(posteriors [scenes, frames, 9], scores, states, statuses [scenes, frames])."""
+    front = read_model(model)["front"]
+    target = os.path.join(work, f"{name}{front.suffix}.sessions")
+    subprocess.run([os.path.join(features.build_tools(work), "session_pcm"), model,
+                    os.path.join(work, name + front.suffix + ".s16"), target, str(FRAMES)],
+                   check=True, stdout=subprocess.DEVNULL)
+    table = np.fromfile(target, np.float32).reshape(-1, FRAMES, network.CLASSES + 3)
+    return (table[:, :, :network.CLASSES], *(table[:, :, network.CLASSES + k] for k in range(3)))
 
 
-def f1(found, truth):
-    return 2 * np.sum(found & truth) / max(1, found.sum() + truth.sum())
+def agreement(work, model, posteriors, statuses, name="heldout"):
+    """Largest difference of a posterior from the trainer's arithmetic.
 
-
-def session_starts(found):
-    """How often a session would begin an utterance: onsets after more than PAUSE frames' rest."""
-    pieces = runs(found)
-    return len(pieces) and 1 + int(np.sum(pieces[1:, 0] - pieces[:-1, 1] > PAUSE))
-
-
-def utterance_figures(found, truth):
-    """[(onset delay or None when missed, end delay or None)] for utterances of >= 200 ms."""
-    figures = []
-    spoken = drop_blips(close_gaps(truth, 30), 19)
-    stretches = runs(spoken)
-    for number, (start, end) in enumerate(stretches):
-        limit = stretches[number + 1][0] if number + 1 < len(stretches) else len(found)
-        hits = np.flatnonzero(found[start:min(end + 20, limit)])
-        if len(hits) == 0:
-            figures.append((None, None))
-            continue
-        # Already in speech before the onset: early, not counted as a delay.
-        onset = hits[0] if start == 0 or not found[start - 1] else None
-        tail = None
-        if limit - end >= 60 and found[end - 1]:
-            quiet = np.flatnonzero(~found[end - 1:limit])
-            tail = quiet[0] - 1 if len(quiet) else None
-        figures.append((onset if onset is not None else -1, tail))
-    return figures
+    After the end of an utterance a session scores one frame twice, so that the two are compared up to
+    there only.
+    """
+    parts = read_model(model)
+    features.extract(work, name, parts["front"])
+    frames = features.load(work, name, parts["front"])
+    largest = 0.0
+    for scene, (ours, status) in enumerate(zip(posteriors, statuses)):
+        count = int(np.argmax(status == 6)) if (status == 6).any() else FRAMES - 2
+        piece = frames[scene * FRAMES:scene * FRAMES + count]
+        plain = network.forward(parts["layers"], network.stack(
+            (piece - parts["mean"]) * parts["reverse_variance"], parts["front"].context))
+        largest = max(largest, float(np.abs(plain - ours[:count]).max(initial=0)))
+    return largest
 
 
 def report(work, model, name="heldout"):
-    """Print the agreement with the replica and the quality table; returns the figures."""
+    """Print the agreement with the trainer and the quality table; returns the figures."""
     with open(os.path.join(work, name + ".json")) as file:
         abouts = json.load(file)
-    per_scene = SCENE * RATE // SHIFT
-    posteriors, speech = library_scores(work, model, name)
-    truth = np.fromfile(os.path.join(work, name + ".marks"), np.uint8)[:len(speech)] > 0
-    frames = features.load(work, name)
-    parts = read_model(model)
-    difference, scored = 0.0, []
-    for scene in range(len(abouts)):
-        piece = slice(scene * per_scene, min((scene + 1) * per_scene, len(speech)))
-        plain = network.forward(parts["layers"], network.stack(
-            (frames[piece] - parts["mean"]) * parts["reverse_variance"]))
-        difference = max(difference, float(np.abs(plain - posteriors[piece]).max()))
-        scored.append(network.scores(posteriors[piece]))
-    score = np.concatenate(scored)
-    print(f"library against replica: largest posterior difference {difference:.2e}, "
-          f"smallest posterior {posteriors.min():.2e}")
-
-    by_group = {}
-    for scene, about in enumerate(abouts):
-        by_group.setdefault(about["group"], []).append(scene)
-    result = {"difference": difference, "groups": {}}
-    everything = {"speech": [], "onset": [], "tail": [], "utterances": 0, "missed": 0}
-    for group, scenes in by_group.items():
-        where = np.concatenate([np.arange(s * per_scene, min((s + 1) * per_scene, len(speech)))
-                                for s in scenes])
-        hours = len(where) / 360000
-        if group in BEDS:
-            starts = sum(session_starts(speech[s * per_scene:(s + 1) * per_scene]) for s in scenes)
-            line = {"false_starts_per_hour": starts / hours,
-                    "speech_frames_percent": 100 * speech[where].mean()}
-        else:
-            pieces = [slice(s * per_scene, (s + 1) * per_scene) for s in scenes]
-            figures = [f for piece in pieces
-                       for f in utterance_figures(speech[piece], truth[piece])]
-            onset = [o for o, _ in figures if o is not None and o >= 0]
-            tail = [t for _, t in figures if t is not None]
-            missed = sum(o is None for o, _ in figures)
-            line = {"auc": auc(score[where], truth[where]), "f1": f1(speech[where], truth[where]),
-                    "missed_of_100": 100 * missed / len(figures),
-                    "onset_frames": float(np.median(onset)), "end_frames": float(np.median(tail))}
-            if group != "quiet":
-                everything["speech"].append(where)
-            everything["onset"] += onset
-            everything["tail"] += tail
-            everything["utterances"] += len(figures)
-            everything["missed"] += missed
-        result["groups"][group] = line
-        print(f"{group:>10}  " + "  ".join(f"{k} {v:.4g}" for k, v in line.items()))
-    where = np.concatenate(everything["speech"])
-    shifted = {shift: auc(np.roll(score, -shift)[where], truth[where]) for shift in range(0, 16)}
-    best = max(shifted, key=shifted.get)
-    free = [v["false_starts_per_hour"] for v in result["groups"].values()
-            if "false_starts_per_hour" in v]
-    result["all"] = {
-        "auc": shifted[0], "auc_shifted": shifted[best], "shift_frames": best,
-        "f1": f1(speech[where], truth[where]),
-        "missed_of_100": 100 * everything["missed"] / everything["utterances"],
-        "utterances": everything["utterances"],
-        "onset_frames": float(np.median(everything["onset"])),
-        "end_frames": float(np.median(everything["tail"])),
-        "false_starts_per_hour": float(np.mean(free))}
-    print("       all  " + "  ".join(f"{k} {v:.4g}" for k, v in result["all"].items()))
+    truth = np.fromfile(os.path.join(work, name + ".marks"), np.uint8).reshape(-1, FRAMES) > 0
+    posteriors, score, states, statuses = sessions(work, model, name)
+    found = np.isin(states, (0, 3))
+    result = {"difference": agreement(work, model, posteriors, statuses, name),
+              "smallest_posterior": float(posteriors.min())}
+    print(f"library against trainer: largest posterior difference {result['difference']:.1e}, "
+          f"smallest posterior {result['smallest_posterior']:.1e}")
+    groups = np.array([about["group"] for about in abouts])
+    with_speech = [group for group in dict.fromkeys(groups) if group not in SPEECH_FREE]
+    rows = {group: groups == group for group in with_speech}
+    rows["all"] = np.isin(groups, with_speech) & (groups != QUIET)
+    for row, where in rows.items():
+        area, shift = metrics.shifted_auc(score[where], truth[where])
+        figures = metrics.utterance_figures(found[where], truth[where])
+        line = {"auc": metrics.auc(score[where], truth[where]), "auc_shifted": area,
+                "shift": shift, "f1": metrics.frame_rates(found[where], truth[where])["f1"],
+                "missed_of_100": 100 * figures["missed"] / figures["utterances"],
+                "onset": float(np.median(figures["onset"])),
+                "end": float(np.median(figures["end"]))}
+        result[row] = line
+        print(f"{row:>9}  " + "  ".join(f"{k} {v:.4g}" for k, v in line.items()))
+    begins = {}
+    for group in SPEECH_FREE:
+        where = groups == group
+        begins[group] = [metrics.status_begins(status) for status in statuses[where]]
+        result[group] = {"false_starts_per_hour": 360000 / FRAMES * float(np.mean(begins[group])),
+                         "speech_percent": 100 * float(found[where].mean())}
+        print(f"{group:>9}  " + "  ".join(f"{k} {v:.4g}" for k, v in result[group].items()))
+    every = [count for counts in begins.values() for count in counts]
+    result["false_starts_per_hour"] = 360000 / FRAMES * float(np.mean(every))
+    taken = {}
+    for hit, about in zip(found, abouts):
+        for yes, kind in zip(*metrics.bursts_taken(hit, about.get("tones", []))):
+            taken.setdefault("beep or DTMF" if kind in ("beep", "dtmf") else "other", []).append(yes)
+    result["tones_taken_percent"] = {kind: 100 * float(np.mean(t)) for kind, t in taken.items()}
+    print(f"speech-free, all: {result['false_starts_per_hour']:.0f} false starts per hour; "
+          "tones taken for speech: " + ", ".join(
+              f"{kind} {percent:.1f} %" for kind, percent in result["tones_taken_percent"].items()))
     return result
 
 
-def session_report(work, model, program, name="heldout"):
-    """Print how many utterances per hour the host program finds in speech-free scenes."""
-    with open(os.path.join(work, name + ".json")) as file:
-        abouts = json.load(file)
-    scenes = np.memmap(os.path.join(work, name + ".s16"), np.int16, "r").reshape(-1, SCENE * RATE)
-    found = {}
-    recording = os.path.join(work, "scene.wav")
-    for scene, about in zip(scenes, abouts):
-        if about["group"] in BEDS:
-            soundfile.write(recording, scene, RATE, subtype="PCM_16")
-            table = subprocess.run([program, "--model", model, recording], check=True,
-                                   capture_output=True, text=True).stdout
-            utterances = sum(line.split()[0][0].isdigit() for line in table.splitlines() if line)
-            found.setdefault(about["group"], []).append(utterances)
-    for group, counts in found.items():
-        print(f"{group:>10}  utterances_per_hour {np.mean(counts) * 3600 / SCENE:.4g}")
-
-
 if __name__ == "__main__":
-    if len(sys.argv) not in (3, 4):
-        sys.exit("usage: check.py WORK MODEL [PROGRAM]   (PROGRAM: the built dnnvad)")
-    report(*sys.argv[1:3])
-    if len(sys.argv) == 4:
-        session_report(*sys.argv[1:])
+    if len(sys.argv) != 3:
+        sys.exit("usage: check.py WORK MODEL")
+    report(*sys.argv[1:])

@@ -18,6 +18,8 @@ SPEECH_PACKAGES = [
     "fillets-ng-data-cs",
     "gcin-voice",
     "hedgewars-data",
+    "asterisk-prompt-fr-armelle",
+    "asterisk-prompt-es-co",
 ]
 NOISE_PACKAGES = [
     "ufoai-sound",
@@ -31,12 +33,27 @@ NOISE_PACKAGES = [
     "freedroidrpg-data",
     "warzone2100-data",
     "oxygen-sounds",
+    "torcs-data",
+    "supertuxkart-data",
+    "megaglest-data",
+    "0ad-data",
+    "redeclipse-data",
+    "flightgear-data-base",
+    "widelands-data",
+    "xmoto-data",
+    "extremetuxracer-data",
+    "endless-sky-data",
+    "enigma-data",
+    "bzflag-data",
+    "lmms-common",
 ]
 MUSIC_PACKAGES = [
     "asterisk-moh-opsound-g722",
     "wesnoth-1.16-music",
     "singularity-music",
     "freedroidrpg-data",
+    "asc-music",
+    "warzone2100-music",
 ]
 PACKAGES = list(dict.fromkeys(SPEECH_PACKAGES + NOISE_PACKAGES + MUSIC_PACKAGES))
 
@@ -47,8 +64,8 @@ class Rule:
 
     package: str  # regular expression over the whole package name
     path: str  # regular expression searched in the path inside the package
-    kind: str  # "speech", "noise", "music" or "skip"
-    voice: str = ""  # speech: template for the voice name, filled from the pattern's groups
+    kind: str  # "speech", "noise", "crowd", "music" or "skip"
+    voice: str = ""  # speech: the voice's name, filled from the pattern's groups; noise: its class
     held_out: bool = False  # kept for measuring, never trained on
 
 
@@ -71,6 +88,10 @@ RULES = [
     Rule(r"tuxpaint-.*", r"_(en_GB|desc_pt_BR)\.ogg$", "speech", "tuxpaint-{0}"),
     Rule(r"tuxpaint-.*", r"/(animals/(insects|birds|amphibians|mammals/(bovines|dogs|equines))"
          r"|household|naturalforces|vehicles|hobbies|food)/[^_]*\.ogg$", "noise"),
+    # Telephone prompts that stop at 4 kHz.
+    Rule(r"asterisk-prompt-(fr|es)-\w+", r"/(silence|beep)|tt-monkeys", "skip"),
+    Rule(r"asterisk-prompt-fr-armelle", r"\.gsm$", "speech", "armelle"),
+    Rule(r"asterisk-prompt-es-co", r"\.gsm$", "speech", "colombia"),
     # Two fish: a deep and a high voice, and a few more on other file names.
     Rule(r"fillets-ng-data-cs", r"/cs/[^/]*-(m|v)-[^/]*\.ogg$", "speech", "fillets-{0}"),
     # Single syllables by two speakers.
@@ -82,12 +103,12 @@ RULES = [
     Rule(r"hedgewars-data", r"/voices/(\w+)/", "speech", "hedgewars-{0}"),
     Rule(r"hedgewars-data", r"/Music/(olympics_sd|sdmusic|hell|pirate)\.ogg$", "skip"),
     Rule(r"hedgewars-data", r"/Music/", "music"),
-    Rule(r"hedgewars-data", r"/Sounds/(?!hell|Hell|Yoohoo|hogchant|Kiss|custom)\w*\.ogg$", "noise"),
+    Rule(r"hedgewars-data", r"/Sounds/(?!hell|Hell|Yoohoo|beewater|lowgravity|hogchant|Kiss|custom)\w*\.ogg$", "noise"),
     # Rally co-drivers and a spoken tutorial inside packages that are otherwise effects.
     Rule(r"trigger-rally-data", r"/codriver/(\w+)/", "speech", "rally-{0}"),
     Rule(r"trigger-rally-data", r"/sounds/\w+\.wav$", "noise"),
     Rule(r"warzone2100-data", r"audio/tutorial/", "speech", "warzone-tutorial"),
-    Rule(r"warzone2100-data", r"audio/sfx/misc/", "skip"),
+    Rule(r"warzone2100-data", r"audio/sfx/misc/|/lasstrk\.", "skip"),
     Rule(r"warzone2100-data", r"audio/(sfx|multi|radclick)/", "noise"),
     # Effects.
     Rule(r"ufoai-sound", r"/(tv_newswav|radiomessage|aliencom|basealert)\.", "skip"),
@@ -107,8 +128,45 @@ RULES = [
     Rule(r"colobot-common-sounds", r"/sounds/", "noise", held_out=True),
     Rule(r"colobot-common-sounds", r"/music/", "music", held_out=True),
     Rule(r"oxygen-sounds", r"", "noise"),
-    Rule(r"freedroidrpg-data", r"/effects/(bullets|item_sounds)/|/effects/(?!Influencer|Thou|tux)"
+    Rule(r"freedroidrpg-data", r"/effects/(bullets|item_sounds)/|/effects/(?!Influencer|Thou|tux|Shop_|No_Ammo)"
          r"[^/]*\.ogg$", "noise"),
+    # Engines: all of one driving game is held out.
+    Rule(r"torcs-data", r"/sound/", "noise", "machines", held_out=True),
+    Rule(r"supertuxkart-data", r"/(Wilhelm|sara_airport|ugh|wee|nolok|intro2|goal_scored"
+         r"|race_finish_victory|start_race)", "skip"),
+    Rule(r"supertuxkart-data", r"/lenautile_restaurant", "crowd"),
+    Rule(r"supertuxkart-data", r"/sfx/|/introcutscene|/library/|/kart|/black_forest/|/stk_ent",
+         "noise"),
+    Rule(r"supertuxkart-data", r"/music/|/tracks/", "music"),
+    Rule(r"megaglest-data", r"/music/", "music"),
+    Rule(r"megaglest-data", r"good_morning", "skip"),
+    Rule(r"megaglest-data", r"/tilesets/|/water_sounds/|/menu/sound/|/commondata/sounds/(arrow|anvil"
+         r"|catapult_|air_|tower_|golem_walk|horseman_walk|tech_|worker_harvest|worker_mine|orni"
+         r"|defense)", "noise"),
+    Rule(r"0ad-data", r"/audio/music/", "music"),
+    Rule(r"0ad-data", r"/audio/(actor/(fauna/(animal|movement)|gate|human/movement|mounted/movement"
+         r"|ship|singlesteps)|ambient|attack|interface/(alarm|complete|ui)|resource)/", "noise"),
+    Rule(r"redeclipse-data", r"/sounds/(music|theme)", "music"),
+    Rule(r"redeclipse-data", r"/sounds/(ambience|sfx|weapons|interface)/"
+         r"|/player/\w*(step|land|impulse)", "noise"),
+    Rule(r"flightgear-data-base", r"/mk-viii/|/tcas/|coughing|/intro\.", "skip"),
+    Rule(r"flightgear-data-base", r"", "noise", "machines"),
+    # Wood, metal, water, animals and an orchestra, all held out; taverns hold real crowds, but
+    # with words in them.
+    Rule(r"widelands-data", r"/taverns/|/lobby|/message", "skip"),
+    Rule(r"widelands-data", r"/sound/|/critters/", "noise", held_out=True),
+    Rule(r"widelands-data", r"/music/", "music", held_out=True),
+    Rule(r"xmoto-data|asc-music|warzone2100-music", r"", "music"),
+    Rule(r"extremetuxracer-data", r"/sounds/", "noise"),
+    Rule(r"extremetuxracer-data", r"/music/", "music"),
+    Rule(r"endless-sky-data", r"", "noise"),
+    Rule(r"enigma-data", r"/music/", "music"),
+    Rule(r"enigma-data", r"/soundsets/", "noise"),
+    Rule(r"bzflag-data", r"/(spree|hunt|thief|killteam|teamgrab)", "skip"),
+    Rule(r"bzflag-data", r"", "noise"),
+    Rule(r"lmms-common", r"/(applause|raving_crowd)", "crowd"),
+    Rule(r"lmms-common", r"/shapes/|/breath", "skip"),
+    Rule(r"lmms-common", r"", "noise"),
     # Music.
     Rule(r"freedroidrpg-data", r"/sound/music/", "music"),
     Rule(r"asterisk-moh-opsound-g722", r"", "music"),

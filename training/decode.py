@@ -1,10 +1,11 @@
-"""Turn every usable recording of the packages into 8 kHz mono 16-bit samples.
+"""Turn every usable recording of the packages into 16 kHz mono 16-bit samples.
 
 The result is one file of samples, clips.s16, and one list, clips.json, with a record per
 recording: package, name, kind, voice, held_out, start and length (samples).
 """
 import io
 import json
+import multiprocessing
 import os
 import re
 import struct
@@ -18,9 +19,10 @@ from scipy.signal import resample_poly
 
 from corpora import PACKAGES, classify
 
-RATE = 8000
-LONGEST = 180 * RATE  # longer recordings (music) are cut to their middle
-AUDIO = re.compile(r"\.(g722|ogg|wav|flac|mp3)$", re.I)
+RATE = 16000
+LONGEST = 150  # seconds; longer recordings (music) are cut to their middle
+AUDIO = re.compile(r"\.(g722|gsm|ogg|wav|flac|mp3|opus)$", re.I)
+TELEPHONE = {".g722": ("g722", 16000), ".gsm": ("gsm", 8000)}  # headerless: ffmpeg format, rate
 ARCHIVE = re.compile(r"\.(pk3|wz|zip)$", re.I)
 
 
@@ -56,37 +58,42 @@ def recordings(package, root):
     return sorted(found)
 
 
-def to_8k(samples, rate):
-    """Mono 16-bit samples at 8 kHz."""
+def to_rate(samples, rate):
+    """Mono 16-bit samples at RATE of float samples in -1..1, mono or [frames, channels]."""
     if samples.ndim > 1:
         samples = samples.mean(axis=1)
-    if len(samples) > LONGEST * rate // RATE:
-        keep = LONGEST * rate // RATE
-        start = (len(samples) - keep) // 2
-        samples = samples[start:start + keep]
     if rate != RATE:
         common = np.gcd(RATE, rate)
         samples = resample_poly(samples, RATE // common, rate // common)
     return np.clip(np.round(samples * 32768), -32768, 32767).astype(np.int16)
 
 
-def decode_g722(blobs):
-    """16 kHz float samples of headerless G.722 recordings, many per ffmpeg run."""
+def decode_telephone(blobs, kind):
+    """Samples at RATE of headerless telephone recordings, many per ffmpeg run."""
+    coding, rate = TELEPHONE[kind]
     out = []
     for start in range(0, len(blobs), 100):
         with tempfile.TemporaryDirectory() as folder:
             command = ["ffmpeg", "-loglevel", "error", "-nostdin"]
             outputs = []
             for number, blob in enumerate(blobs[start:start + 100]):
-                name = os.path.join(folder, f"{number}.g722")
+                name = os.path.join(folder, f"{number}{kind}")
                 with open(name, "wb") as file:
                     file.write(blob)
-                command += ["-f", "g722", "-i", name]
+                command += ["-f", coding, "-i", name]
                 outputs += ["-map", f"{number}:a", "-f", "s16le", name + ".s16"]
             subprocess.run(command + outputs, check=True)
-            out += [np.fromfile(os.path.join(folder, f"{number}.g722.s16"), "<i2") / 32768.0
-                    for number in range(len(blobs[start:start + 100]))]
+            out += [to_rate(np.fromfile(os.path.join(folder, f"{number}{kind}.s16"), "<i2")
+                            / 32768.0, rate) for number in range(len(blobs[start:start + 100]))]
     return out
+
+
+def decode_file(blob):
+    """Samples at RATE of a recording in any format that libsndfile reads: at most LONGEST."""
+    with soundfile.SoundFile(io.BytesIO(blob)) as file:
+        if file.frames > LONGEST * file.samplerate:
+            file.seek((file.frames - LONGEST * file.samplerate) // 2)
+        return to_rate(file.read(LONGEST * file.samplerate, dtype="float32"), file.samplerate)
 
 
 def decode_package(package, root):
@@ -98,19 +105,18 @@ def decode_package(package, root):
             kind, voice, held_out = decision
             chosen.append(({"package": package, "name": path, "kind": kind, "voice": voice,
                             "held_out": held_out}, load))
-    telephone = [(record, load) for record, load in chosen if record["name"].endswith(".g722")]
     decoded = []
-    for (record, _), samples in zip(telephone, decode_g722([load() for _, load in telephone])):
-        decoded.append((record, to_8k(samples, 16000)))
+    for kind in TELEPHONE:
+        some = [(record, load) for record, load in chosen if record["name"].endswith(kind)]
+        samples = decode_telephone([load() for _, load in some], kind)
+        decoded += [(record, x) for (record, _), x in zip(some, samples)]
     for record, load in chosen:
-        if record["name"].endswith(".g722"):
+        if os.path.splitext(record["name"])[1] in TELEPHONE:
             continue
         try:
-            samples, rate = soundfile.read(io.BytesIO(load()), dtype="float32")
+            decoded.append((record, decode_file(load())))
         except soundfile.LibsndfileError as error:
             print(f"  skipped {record['name']}: {error}")
-            continue
-        decoded.append((record, to_8k(samples, rate)))
     return [(record, samples) for record, samples in decoded if len(samples) >= RATE // 20]
 
 
@@ -119,20 +125,28 @@ def decode(work):
     listing = os.path.join(work, "clips.json")
     if os.path.exists(listing):
         return
-    records, position = [], 0
-    with open(os.path.join(work, "clips.s16"), "wb") as out:
-        for number, package in enumerate(PACKAGES, 1):
+    records, position, seen = [], 0, set()
+    jobs = [(package, os.path.join(work, "packages", package)) for package in PACKAGES]
+    with open(os.path.join(work, "clips.s16"), "wb") as out, multiprocessing.Pool() as pool:
+        for number, decoded in enumerate(pool.imap(decode_job, jobs), 1):
             before = position
-            for record, samples in decode_package(
-                    package, os.path.join(work, "packages", package)):
+            for record, samples in decoded:
+                content = hash(samples.tobytes())
+                if content in seen:  # packages share recordings, some under several names
+                    continue
+                seen.add(content)
                 records.append(dict(record, start=position, length=len(samples)))
                 samples.tofile(out)
                 position += len(samples)
-            print(f"decode {number}/{len(PACKAGES)} {package}: "
+            print(f"decode {number}/{len(jobs)} {jobs[number - 1][0]}: "
                   f"{(position - before) / RATE / 60:.1f} min", flush=True)
     with open(listing + ".partial", "w") as file:
         json.dump(records, file, indent=0, ensure_ascii=False)
     os.rename(listing + ".partial", listing)
+
+
+def decode_job(job):
+    return decode_package(*job)
 
 
 def load_clips(work):

@@ -3,17 +3,19 @@ import struct
 
 import numpy as np
 
+from features import Front
+
 HEADER = b"dnnvad network model\nsilence classes 0-2, speech classes 3-8\nlog mel features\n"
 
 
-def write_model(path, mean, reverse_variance, layers, rate=8000, low=40, high=3800):
+def write_model(path, front, mean, reverse_variance, layers):
     """One file with the front-end settings, the normalisation and the layers."""
     sizes = [layers[0][0].shape[1]] + [weights.shape[0] for weights, _ in layers]
     parameters = np.concatenate(
         [np.concatenate([np.ravel(weights), biases]) for weights, biases in layers])
     with open(path, "wb") as file:
         file.write(HEADER)
-        file.write(struct.pack("<5i", len(mean), rate, low, high, 1) + b"\n")
+        file.write(struct.pack("<5i", len(mean), front.rate, front.low, front.high, 1) + b"\n")
         file.write(b"%d\n" % len(parameters))
         for name, vector in ((b"meanvec", mean), (b"revvarvec", reverse_variance)):
             file.write(b"%s %d\n" % (name, len(vector)))
@@ -24,7 +26,7 @@ def write_model(path, mean, reverse_variance, layers, rate=8000, low=40, high=38
 
 
 def read_model(path):
-    """{"mean", "reverse_variance", "layers", "rate", "low", "high"} of a model file."""
+    """{"front", "mean", "reverse_variance", "layers"} of a model file."""
     with open(path, "rb") as file:
         for _ in range(3):
             file.readline()
@@ -49,5 +51,6 @@ def read_model(path):
         at += outputs
     if at != count:
         raise ValueError(f"{path}: {count} parameters, the layers need {at}")
-    return {"mean": vectors[b"meanvec"], "reverse_variance": vectors[b"revvarvec"],
-            "layers": layers, "rate": rate, "low": low, "high": high}
+    front = Front(rate, dimension, low, high, sizes[0] // dimension, tuple(sizes[1:-1]))
+    return {"front": front, "mean": vectors[b"meanvec"],
+            "reverse_variance": vectors[b"revvarvec"], "layers": layers}

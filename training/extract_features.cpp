@@ -1,19 +1,18 @@
 // Log mel features of a raw recording, as the library computes them.
 //
-//     extract_features IN OUT
+//     extract_features 8000|16000 LOW HIGH IN OUT
 //
-// IN: 16-bit mono PCM at 8 kHz, without header. OUT: 26 little-endian floats per frame, a frame of
-// 200 samples every 80.
+// LOW, HIGH: edges of the filter bank in Hz. IN: 16-bit mono PCM at that rate, without header. OUT:
+// 26 (8 kHz) or 40 (16 kHz) little-endian floats per frame of 25 ms, every 10 ms.
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <vector>
 
 #include "dnnvad/feat/feature_translate.h"
 
 namespace {
-
-constexpr int kFrame = 200, kShift = 80, kFeatures = 26;
 
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -23,35 +22,39 @@ using File = std::unique_ptr<std::FILE, CloseFile>;
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: %s IN OUT\n", argv[0]);
+    if (argc != 6) {
+        std::fprintf(stderr, "usage: %s 8000|16000 LOW HIGH IN OUT\n", argv[0]);
         return 2;
     }
-    File in(std::fopen(argv[1], "rb"));
-    File out(std::fopen(argv[2], "wb"));
+    const bool narrow = std::atoi(argv[1]) == 8000;
+    const int length = narrow ? 200 : 400, shift = length * 2 / 5, channels = narrow ? 26 : 40;
+    File in(std::fopen(argv[4], "rb"));
+    File out(std::fopen(argv[5], "wb"));
     if (!in || !out) {
         std::perror("extract_features");
         return 1;
     }
-    tz_dnnvad::PCM2FeatureTranslator head(kFrame, kFeatures, 40, 3800, kFeatures, 128, true);
-    std::vector<std::int16_t> window(kFrame), fresh(kShift);
-    std::vector<float> frame(kFrame);
-    std::size_t got = std::fread(window.data(), sizeof window[0], kFrame, in.get());
-    int number = 0;
-    while (got != 0) {
-        if (number == 0 && got < kFrame)
-            break;
+    tz_dnnvad::PCM2FeatureTranslator head(length, channels, std::atoi(argv[2]), std::atoi(argv[3]),
+                                          channels, narrow ? 128 : 256, narrow);
+    if (head.getState() != 2) {
+        return 1;
+    }
+    std::vector<std::int16_t> window(length), fresh(shift);
+    std::vector<float> frame(length);
+    std::size_t got = std::fread(window.data(), sizeof window[0], window.size(), in.get());
+    for (int number = 0; got >= (number == 0 ? window.size() : fresh.size()); ++number) {
+        if (number != 0) {
+            window.erase(window.begin(), window.begin() + shift);
+            window.insert(window.end(), fresh.begin(), fresh.end());
+        }
         frame.assign(window.begin(), window.end());
-        head.translate(frame.data(), kFrame, number++);
-        if (std::fwrite(head.dstFeature, sizeof(float), kFeatures, out.get()) != kFeatures) {
+        head.translate(frame.data(), length, number);
+        if (std::fwrite(head.dstFeature, sizeof(float), channels, out.get()) !=
+            static_cast<std::size_t>(channels)) {
             std::perror("extract_features");
             return 1;
         }
-        got = std::fread(fresh.data(), sizeof fresh[0], kShift, in.get());
-        if (got < kShift)
-            break;
-        window.erase(window.begin(), window.begin() + kShift);
-        window.insert(window.end(), fresh.begin(), fresh.end());
+        got = std::fread(fresh.data(), sizeof fresh[0], fresh.size(), in.get());
     }
     return 0;
 }

@@ -1,10 +1,30 @@
 """Features through the library's own front end, so that training and detection see the same."""
 import os
 import subprocess
+from dataclasses import dataclass
 
 import numpy as np
 
-DIMENSION = 26
+@dataclass(frozen=True)
+class Front:
+    """The front end of one model."""
+
+    rate: int  # Hz
+    dimension: int  # log mel energies per frame, as the library has it at this rate
+    low: int  # filter bank, Hz
+    high: int
+    context: int  # frames stacked for the network
+    hidden: tuple  # units of the hidden layers
+
+    @property
+    def suffix(self):
+        """What the names of files at this rate end in."""
+        return "8" if self.rate == 8000 else ""
+
+
+NARROW = Front(8000, 26, 40, 3800, 17, (96, 64))
+WIDE = Front(16000, 40, 40, 7600, 17, (96, 64))
+FRONTS = {8: NARROW, 16: WIDE}
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
@@ -15,25 +35,28 @@ def build_tools(work):
         subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release",
                         "-DDNNVAD_BUILD_TRAINING=ON", "-DDNNVAD_BUILD_APP=OFF"],
                        check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", build, "--target", "extract_features", "score_pcm"],
+    subprocess.run(["cmake", "--build", build, "--target", "extract_features", "session_pcm"],
                    check=True, stdout=subprocess.DEVNULL)
     return os.path.join(build, "training")
 
 
-def extract(work, name):
-    """Write work/NAME.f32 from work/NAME.s16; done once."""
-    target = os.path.join(work, name + ".f32")
+def extract(work, name, front):
+    """Write work/NAME.f32 (or NAME8.f32) from the samples at the front end's rate; done once."""
+    target = os.path.join(work, name + front.suffix + ".f32")
     if os.path.exists(target):
         return
-    print(f"features {name}", flush=True)
-    subprocess.run([os.path.join(build_tools(work), "extract_features"),
-                    os.path.join(work, name + ".s16"), target + ".partial"], check=True)
+    print(f"features {name}, {front.rate} Hz", flush=True)
+    subprocess.run([os.path.join(build_tools(work), "extract_features"), str(front.rate),
+                    str(front.low), str(front.high),
+                    os.path.join(work, name + front.suffix + ".s16"), target + ".partial"],
+                   check=True, stdout=subprocess.DEVNULL)  # the library talks at 16 kHz
     os.rename(target + ".partial", target)
 
 
-def load(work, name):
-    """Memory map [frames, 26]."""
-    return np.memmap(os.path.join(work, name + ".f32"), np.float32, "r").reshape(-1, DIMENSION)
+def load(work, name, front):
+    """Memory map [frames, front.dimension]."""
+    return np.memmap(os.path.join(work, name + front.suffix + ".f32"), np.float32,
+                     "r").reshape(-1, front.dimension)
 
 
 def normalisation(frames, count=400000, seed=3):

@@ -6,6 +6,11 @@ import subprocess
 from corpora import PACKAGES
 
 
+# Recordings, archives that hold recordings, and the licences.
+WANTED = ["*.ogg", "*.oga", "*.wav", "*.flac", "*.mp3", "*.opus", "*.g722", "*.gsm", "*.sln16",
+          "*.pk3", "*.wz", "*.zip", "*.1c", "*/copyright"]
+
+
 def fetch(work, packages=PACKAGES):
     """Unpack every package under work/packages/NAME; packages already there are skipped."""
     debs = os.path.join(work, "debs")
@@ -24,6 +29,13 @@ def fetch(work, packages=PACKAGES):
         deb = next(f for f in os.listdir(debs) if f.startswith(name + "_"))
         partial = target + ".partial"
         shutil.rmtree(partial, ignore_errors=True)
-        subprocess.run(["dpkg-deb", "-x", os.path.join(debs, deb), partial], check=True)
+        os.makedirs(partial)
+        archive = subprocess.Popen(["dpkg-deb", "--fsys-tarfile", os.path.join(debs, deb)],
+                                   stdout=subprocess.PIPE)
+        subprocess.run(["tar", "-x", "--ignore-case", "--wildcards", "-C", partial, *WANTED],
+                       stdin=archive.stdout, stderr=subprocess.DEVNULL, check=False)
+        archive.stdout.close()
+        if archive.wait() != 0:
+            raise RuntimeError(f"{deb} cannot be unpacked")
         os.rename(partial, target)
         os.remove(os.path.join(debs, deb))

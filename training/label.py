@@ -1,9 +1,11 @@
 """Speech and non-speech in a clean recording, from its energy.
 
-A frame is 10 ms apart and 25 ms long, frame f covering samples 80 f to 80 f + 199, as in the
-library. The marks are made on the clean clip, before anything is mixed to it.
+Frames are 10 ms apart and 25 ms long, as in the library. Levels are taken at 8 kHz, frame f
+covering samples 80 f to 80 f + 199 there. The marks are made on the clean clip, before anything is
+mixed to it.
 """
 import numpy as np
+from scipy.signal import resample_poly
 
 SHIFT, LENGTH = 80, 200
 # A short high-pass at about 2 kHz.
@@ -54,8 +56,9 @@ def threshold(levels, depth):
     return max(loud - depth, floor + 9)
 
 
-def label(samples, depth=32.0):
-    """Boolean mark per frame of a clean recording; `depth` less for a reverberant one."""
+def label(wide, depth=32.0):
+    """Boolean mark per frame of a clean 16 kHz recording; `depth` less for a reverberant one."""
+    samples = resample_poly(np.asarray(wide, np.float32), 1, 2)
     if frame_count(len(samples)) == 0:
         return np.zeros(0, bool)
     levels = energies(samples, (1.0, -0.5))

@@ -1,16 +1,15 @@
 """The network and the smoother as the library computes them, in plain numpy."""
 import numpy as np
 
-CONTEXT = 11
 CLASSES, FIRST_SPEECH = 9, 3
 AVERAGE, MAXIMUM = 3, 20
 THRESHOLD = 0.2
 
 
-def stack(frames):
-    """[frames, 26] normalised features -> [frames, 286], oldest first, begun with copies."""
-    padded = np.concatenate([np.repeat(frames[:1], CONTEXT - 1, axis=0), frames])
-    return np.concatenate([padded[k:k + len(frames)] for k in range(CONTEXT)], axis=1)
+def stack(frames, context):
+    """[frames, n] normalised features -> [frames, context n], oldest first, begun with copies."""
+    padded = np.concatenate([np.repeat(frames[:1], context - 1, axis=0), frames])
+    return np.concatenate([padded[k:k + len(frames)] for k in range(context)], axis=1)
 
 
 def fast_sigmoid(x):

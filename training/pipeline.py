@@ -1,15 +1,41 @@
-"""From Debian packages to a model file.
+"""From Debian packages to the bundled model files.
 
-    python3 training/pipeline.py [--work build/training] [--model models/vad8k.bin] [stage ...]
+    python3 training/pipeline.py [--work build/training] [--models models] [stage ...]
 
-Stages in order: fetch decode mix features train check. Without a name all of them run; what an
-earlier run finished is kept (delete its file in the work folder to make it again).
+Stages in order: fetch decode mix features train bleep check. Without a name all of them run; what an
+earlier run finished is kept (delete its file in the work folder to make it again), and an
+interrupted training goes on from its last checkpoint.
 """
 import argparse
+import multiprocessing
 import os
+import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-STAGES = ("fetch", "decode", "mix", "features", "train", "check")
+STAGES = ("fetch", "decode", "mix", "features", "train", "bleep", "check")
+
+
+def train_one(work, kilohertz, path, steps, start=None, rate=8e-3):
+    """Train one model in this process and write its file, unless both are done."""
+    import export
+    import features
+    import train
+    front = start["front"] if start else features.FRONTS[kilohertz]
+    trained = train.train(work, front, steps, rate=rate, start=start)
+    export.write_model(path, front, *trained)
+    print(f"wrote {path}", flush=True)
+
+
+def train_all(work, paths, steps):
+    """Train the models at the same time, one core each."""
+    jobs = [multiprocessing.Process(target=train_one, args=(work, kilohertz, path, steps))
+            for kilohertz, path in paths.items()]
+    for job in jobs:
+        job.start()
+    for job in jobs:
+        job.join()
+    if any(job.exitcode for job in jobs):
+        sys.exit("training failed")
 
 
 def main():
@@ -17,42 +43,50 @@ def main():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("stage", nargs="*", help="default: all")
     parser.add_argument("--work", default=os.path.join(ROOT, "build", "training"))
-    parser.add_argument("--model", default=os.path.join(ROOT, "models", "vad8k.bin"))
-    parser.add_argument("--scenes", type=int, default=4400, help="training scenes of 30 s")
-    parser.add_argument("--held-out", type=int, default=288, help="scenes for measuring")
-    parser.add_argument("--steps", type=int, default=12000)
-    parser.add_argument("--threads", type=int, default=1)
+    parser.add_argument("--models", default=os.path.join(ROOT, "models"))
+    parser.add_argument("--rates", type=int, nargs="+", choices=(8, 16), default=(8, 16),
+                        help="kHz, which models to make")
+    parser.add_argument("--scenes", type=int, default=8000, help="training scenes of 30 s")
+    parser.add_argument("--held-out", type=int, default=336, help="scenes for measuring")
+    parser.add_argument("--steps", type=int, default=16000)
     arguments = parser.parse_args()
     stages = arguments.stage or STAGES
     if unknown := set(stages) - set(STAGES):
         parser.error(f"no such stage: {', '.join(sorted(unknown))}")
     # Before numpy loads its linear algebra, which reads it once.
-    os.environ.setdefault("OPENBLAS_NUM_THREADS", str(arguments.threads))
-    os.makedirs(arguments.work, exist_ok=True)
+    os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
+    work = arguments.work
+    os.makedirs(work, exist_ok=True)
+    paths = {rate: os.path.join(arguments.models, f"vad{rate}k.bin") for rate in arguments.rates}
 
     if "fetch" in stages:
         import fetch
-        fetch.fetch(arguments.work)
+        fetch.fetch(work)
     if "decode" in stages:
         import decode
-        decode.decode(arguments.work)
+        decode.decode(work)
     if "mix" in stages:
         import mix
-        mix.mix(arguments.work, "heldout", arguments.held_out, seed=2)
-        mix.mix(arguments.work, "train", arguments.scenes, seed=1)
+        mix.mix(work, "heldout", arguments.held_out, seed=2)
+        if "train" in stages or "mix" in arguments.stage:
+            mix.mix(work, "train", arguments.scenes, seed=1)
     if "features" in stages:
         import features
-        for name in ("heldout", "train"):
-            features.extract(arguments.work, name)
+        for rate in paths:
+            features.extract(work, "train", features.FRONTS[rate])
     if "train" in stages:
-        import export
-        import train
-        trained = train.train(arguments.work, steps=arguments.steps, threads=arguments.threads)
-        export.write_model(arguments.model, *trained)
-        print(f"wrote {arguments.model}")
+        train_all(work, paths, arguments.steps)
+        import curve
+        curve.draw(work, paths)
+    if "bleep" in stages:
+        import bleep
+        for rate, path in paths.items():
+            bleep.make(work, path, os.path.join(arguments.models, f"bleep{rate}k.txt"),
+                       1000 * rate)
     if "check" in stages:
         import check
-        check.report(arguments.work, arguments.model)
+        for path in paths.values():
+            check.report(work, path)
 
 
 if __name__ == "__main__":

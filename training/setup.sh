@@ -5,7 +5,8 @@
 # about fifteen times slower.
 set -eu
 
-packages="python3-torch python3-numpy python3-scipy python3-soundfile libopenblas0-pthread ffmpeg
+packages="python3-torch python3-numpy python3-scipy python3-soundfile python3-matplotlib
+          libopenblas0-pthread ffmpeg
           cmake g++ libkissfft-dev libsimde-dev pkg-config"
 
 missing=""

@@ -1,8 +1,8 @@
-"""Sounds made by formula: stationary noises, hum, tones, room responses."""
+"""Sounds made by formula at 16 kHz: steady noises, engines, water, tones, tunes, rooms."""
 import numpy as np
 from scipy.signal import butter, fftconvolve, lfilter, sosfilt
 
-RATE = 8000
+RATE = 16000
 DTMF_LOW, DTMF_HIGH = (697, 770, 852, 941), (1209, 1336, 1477, 1633)
 
 
@@ -52,7 +52,7 @@ def crackle(rng, n):
     x = np.zeros(n)
     rate = 10 ** rng.uniform(0.3, 2.3)
     for at in rng.integers(0, n, rng.poisson(rate * n / RATE)):
-        length = rng.integers(8, 200)
+        length = rng.integers(16, 400)
         burst = rng.standard_normal(length) * np.exp(-np.arange(length) / (length / 4))
         x[at:at + length] += (burst * rng.lognormal(0, 0.7))[:n - at]
     x = sosfilt(butter(2, rng.uniform(200, 1500), "high", fs=RATE, output="sos"), x)
@@ -67,15 +67,105 @@ def swell(rng, x, depth):
     return x * 10 ** (gain / 20)
 
 
+def engine(rng, n):
+    """Firing pulses of a motor, speed and load wandering."""
+    knots = max(2, int(n / RATE * rng.uniform(0.3, 2)))
+    speed = np.exp(np.interp(np.linspace(0, knots - 1, n), np.arange(knots),
+                             np.log(rng.uniform(15, 120)) + rng.normal(0, 0.25, knots)))
+    phase = np.cumsum(speed) / RATE
+    x = 0.1 * coloured(rng, n, 1.0)
+    for harmonic in range(1, 40):
+        x += rng.lognormal(0, 0.6) / harmonic ** rng.uniform(0.5, 1.2) * np.sin(
+            2 * np.pi * harmonic * phase + rng.uniform(0, 6.3)) * (speed * harmonic < 7500)
+    return x / rms(x)
+
+
+def water(rng, n):
+    """A stream or rain: many bubbles, each a short rising tone, over a rush."""
+    x = np.zeros(n)
+    low = np.exp(rng.uniform(np.log(200), np.log(1500)))
+    for at in rng.integers(0, n, rng.poisson(10 ** rng.uniform(0.8, 2.3) * n / RATE)):
+        t = np.arange(int(rng.uniform(0.005, 0.08) * RATE)) / RATE
+        tone = low * rng.lognormal(0.5, 0.6) * (1 + rng.uniform(0, 8) * t)
+        drop = np.sin(2 * np.pi * np.cumsum(np.minimum(tone, 7000)) / RATE) \
+            * np.exp(-t * rng.uniform(30, 200)) * rng.lognormal(0, 0.8)
+        x[at:at + len(t)] += drop[:n - at]
+    return x / rms(x) + rng.uniform(0.02, 1.0) * coloured(rng, n, rng.uniform(0, 1.5))
+
+
+def wind(rng, n):
+    """Gusts: low noise whose level and whistle change."""
+    x = swell(rng, coloured(rng, n, rng.uniform(1.5, 2.5)), 8.0)
+    low = rng.uniform(150, 900)
+    return x + swell(rng, sosfilt(butter(2, [low, low * 1.5], "band", fs=RATE, output="sos"),
+                                  rng.standard_normal(n)), 6.0) * rng.uniform(0, 1.5)
+
+
+def ticking(rng, n):
+    """A clock, a metronome, a machine's stroke: one short sound at an even pace."""
+    x, kinds = np.zeros(n), []
+    for _ in range(rng.integers(1, 4)):
+        length = int(rng.uniform(0.005, 0.15) * RATE)
+        t = np.arange(length) / RATE
+        noise = rng.standard_normal(length) * rng.uniform(0, 1)
+        tone = sum(np.sin(2 * np.pi * f * t) for f in rng.uniform(150, 5000, 3))
+        kinds.append((noise + tone) * np.exp(-t * rng.uniform(30, 300)))
+    period = rng.uniform(0.08, 1.2)
+    for number, at in enumerate(np.arange(0, n / RATE, period)):
+        stroke = kinds[number % len(kinds)]
+        first = int((at + rng.normal(0, 0.003)) * RATE)
+        if 0 <= first < n:
+            x[first:first + len(stroke)] += stroke[:n - first]
+    return x / rms(x) + rng.uniform(0.001, 0.1) * rng.standard_normal(n)
+
+
+MACHINES = {"fan": fan, "hum": hum, "car": car, "crackle": crackle, "engine": engine,
+            "water": water, "wind": wind, "ticking": ticking}
+
+
+def tune(rng, n):
+    """Notes and chords of made-up instruments in a scale, perhaps with a beat."""
+    x = np.zeros(n)
+    scale = 110 * 2 ** (rng.integers(0, 12) / 12) * 2 ** (
+        np.concatenate([np.array([0, 2, 3 + rng.integers(2), 5, 7, 9, 10]) + 12 * k
+                        for k in range(4)]) / 12)
+    beat = rng.uniform(0.12, 0.6)
+    for _ in range(rng.integers(1, 4)):
+        strength = rng.lognormal(0, 0.5, 24) / np.arange(1, 25) ** rng.uniform(0.3, 2.0)
+        strength[1::2] *= rng.choice([1.0, 0.1])  # hollow like a clarinet
+        decay, attack = rng.choice([0.3, 2.0, 8.0]), rng.uniform(0.003, 0.08)
+        depth, slide = rng.choice([0.0, 0.01, 0.02]), rng.uniform(4, 7)
+        place = rng.integers(0, len(scale))
+        at = 0.0
+        while at < n / RATE:
+            place = int(np.clip(place + rng.integers(-3, 4), 0, len(scale) - 1))
+            lasts = beat * rng.choice([1, 1, 2, 3])
+            t = np.arange(int(lasts * rng.uniform(0.6, 1.2) * RATE)) / RATE
+            for pitch in [scale[place]] if rng.random() < 0.7 else \
+                    scale[[place, (place + 2) % 28, (place + 4) % 28]]:
+                phase = 2 * np.pi * np.cumsum(
+                    pitch * (1 + depth * np.sin(2 * np.pi * slide * t))) / RATE
+                wave = sum(s * np.sin((k + 1) * phase) for k, s in enumerate(strength)
+                           if pitch * (k + 1) < 7800)
+                note = shaped(wave * np.exp(-t * decay), attack)
+                first = int(at * RATE)
+                x[first:first + len(note)] += note[:max(0, n - first)]
+            at += lasts if rng.random() < 0.85 else 2 * lasts
+    x /= rms(x)
+    if rng.random() < 0.5:
+        x += ticking(rng, n) * rng.uniform(0.2, 1.0)
+    return x
+
+
 def stationary(rng, n):
     """One of the steady noises at rms 1."""
-    kind = rng.choice(["white", "pink", "brown", "fan", "hum", "car", "band", "crackle"])
+    kind = rng.choice(["white", "pink", "brown", "band", *MACHINES])
     if kind == "band":
-        low = rng.uniform(60, 2000)
-        x = sosfilt(butter(2, [low, min(3900, low * rng.uniform(1.2, 8))], "band", fs=RATE,
+        low = np.exp(rng.uniform(np.log(60), np.log(4000)))
+        x = sosfilt(butter(2, [low, min(7800, low * rng.uniform(1.2, 8))], "band", fs=RATE,
                            output="sos"), rng.standard_normal(n))
-    elif kind in ("fan", "hum", "car", "crackle"):
-        x = {"fan": fan, "hum": hum, "car": car, "crackle": crackle}[kind](rng, n)
+    elif kind in MACHINES:
+        x = MACHINES[kind](rng, n)
     else:
         x = coloured(rng, n, {"white": 0.0, "pink": 1.0, "brown": 2.0}[kind]
                      + rng.uniform(-0.3, 0.3))
@@ -95,7 +185,7 @@ def shaped(x, attack=0.004):
 
 
 def tone_burst(rng):
-    """A beep, a telephone key, a ring, a sweep or a chime, peak about 1."""
+    """(samples, kind): a beep, a telephone key, a ring, a sweep or a chime, peak about 1."""
     kind = rng.choice(["beep", "dtmf", "ring", "sweep", "chime", "pulse"])
     n = int(rng.uniform(0.04, 0.7) * RATE)
     t = np.arange(n) / RATE
@@ -107,7 +197,7 @@ def tone_burst(rng):
         x = np.sin(2 * np.pi * rng.uniform(300, 500) * t) \
             * (1 + rng.uniform(0, 1) * np.sign(np.sin(2 * np.pi * rng.uniform(15, 30) * t))) / 2
     elif kind == "sweep":
-        low, high = np.exp(rng.uniform(np.log(150), np.log(3700), 2))
+        low, high = np.exp(rng.uniform(np.log(150), np.log(6000), 2))
         x = np.sin(2 * np.pi * np.cumsum(np.linspace(low, high, n)) / RATE)
     elif kind == "chime":
         t = np.arange(int(rng.uniform(0.3, 1.5) * RATE)) / RATE
@@ -121,23 +211,24 @@ def tone_burst(rng):
         x = np.sin(2 * np.pi * np.exp(rng.uniform(np.log(200), np.log(3800))) * t)
         if rng.random() < 0.3:
             x = (x + np.sin(2 * np.pi * np.exp(rng.uniform(np.log(200), np.log(3800))) * t)) / 2
-    return shaped(x)
+    return shaped(x), kind
 
 
 def tones(rng, n):
-    """A track of tone bursts: repeated, varied or dialled."""
-    x = np.zeros(n)
+    """(samples, [(first sample, end, kind)]): tone bursts, repeated, varied or dialled."""
+    x, places = np.zeros(n), []
     at = int(rng.uniform(0, 1.0) * RATE)
-    burst = tone_burst(rng)
+    burst, kind = tone_burst(rng)
     vary, gap = rng.random() < 0.6, rng.uniform(0.04, 1.5)
     while at + len(burst) < n:
         x[at:at + len(burst)] += burst
+        places.append((at, at + len(burst), str(kind)))
         at += len(burst) + int(gap * RATE * rng.uniform(0.7, 1.3))
         if vary:
-            burst = tone_burst(rng)
+            burst, kind = tone_burst(rng)
         if rng.random() < 0.08:
             at += int(rng.uniform(1, 5) * RATE)
-    return x
+    return x, places
 
 
 def room(rng, x):
@@ -156,15 +247,15 @@ def channel(rng, x):
     if rng.random() < 0.4:
         x = sosfilt(butter(rng.integers(1, 4), rng.uniform(60, 400), "high", fs=RATE,
                            output="sos"), x)
-    if rng.random() < 0.4:
-        x = sosfilt(butter(rng.integers(2, 6), rng.uniform(2000, 3800), "low", fs=RATE,
-                           output="sos"), x)
+    if rng.random() < 0.5:
+        x = sosfilt(butter(rng.integers(2, 7), np.exp(rng.uniform(np.log(2000), np.log(7800))),
+                           "low", fs=RATE, output="sos"), x)
     if rng.random() < 0.4:
         x = lfilter([1.0, rng.uniform(-0.6, 0.6)], [1.0], x)
     return x
 
 
 def like(rng, power, n):
-    """Gaussian noise with a given power spectrum (256-point transform, 129 values)."""
-    response = np.fft.fftshift(np.fft.irfft(np.sqrt(power))) * np.hanning(256)
-    return lfilter(response, [1.0], rng.standard_normal(n + 256))[256:]
+    """Gaussian noise with a given power spectrum (512-point transform, 257 values)."""
+    response = np.fft.fftshift(np.fft.irfft(np.sqrt(power))) * np.hanning(512)
+    return fftconvolve(rng.standard_normal(n + 512), response)[512:512 + n]

@@ -1,9 +1,9 @@
-"""Checks of the pipeline's own parts on a few seconds of made-up data.
+"""Checks of the pipeline's own parts, and of the whole of it on two minutes of scenes.
 
-    /usr/bin/python3 -m unittest discover training
+    DNNVAD_TRAINING_TOOLS=FOLDER /usr/bin/python3 -m unittest discover training
 
-Needs numpy; the parts that need scipy, soundfile, torch or the compiled tools say when they are
-skipped.
+FOLDER holds the built session_pcm and extract_features (default: where the pipeline builds them).
+Needs numpy; the parts that need scipy, soundfile, torch or the tools say when they are skipped.
 """
 import importlib.util
 import json
@@ -18,46 +18,50 @@ import numpy as np
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import export
-import label
 import network
 
-TOOL = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))),
-                    "build", "training", "tools", "training", "score_pcm")
+ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+TOOLS = os.environ.get("DNNVAD_TRAINING_TOOLS",
+                       os.path.join(ROOT, "build", "training", "tools", "training"))
 
 
 def missing(*modules):
     return [name for name in modules if importlib.util.find_spec(name) is None]
 
 
+NEEDS_SCIPY = unittest.skipIf(missing("scipy"), "needs scipy")
+
+
 def vowel(rng, seconds, pitch=120.0):
-    t = np.arange(int(seconds * 8000)) / 8000
+    t = np.arange(int(seconds * 16000)) / 16000
     return 4000 * sum(np.sin(2 * np.pi * pitch * k * t + rng.uniform(0, 6)) / k
                       for k in range(1, 20)) / 2
 
 
 def hiss(rng, seconds):
-    x = rng.standard_normal(int(seconds * 8000))
-    return 250 * np.diff(x, prepend=0)
+    return 500 * np.diff(rng.standard_normal(int(seconds * 16000)), prepend=0)
 
 
+@NEEDS_SCIPY
 class Labels(unittest.TestCase):
     def test_marks_follow_the_speech(self):
+        import label
         rng = np.random.default_rng(1)
-        x = 8 * rng.standard_normal(4 * 8000)
+        x = 8 * rng.standard_normal(4 * 16000)
         for start, sound in ((0.50, vowel(rng, 0.60)), (1.16, vowel(rng, 0.34)),  # 60 ms gap
                              (1.50, hiss(rng, 0.15)),  # a weak "s" at the end
                              (2.60, vowel(rng, 0.40))):
-            at = int(start * 8000)
+            at = int(start * 16000)
             x[at:at + len(sound)] += sound
-        x[int(3.5 * 8000)] += 8000  # a click
+        x[int(3.5 * 16000)] += 8000  # a click
         found = label.runs(label.label(x)) * 0.01
         # A frame's middle lies 12.5 ms behind its start.
         np.testing.assert_allclose(found + 0.0125, [[0.50, 1.65], [2.60, 3.00]], atol=0.025)
 
     def test_silence_has_no_speech(self):
-        self.assertFalse(label.label(np.zeros(8000, np.int16)).any())
-        self.assertEqual(len(label.label(np.zeros(100, np.int16))), 0)
+        import label
+        self.assertFalse(label.label(np.zeros(16000, np.int16)).any())
+        self.assertEqual(len(label.label(np.zeros(200, np.int16))), 0)
 
 
 def random_layers(rng, sizes):
@@ -73,21 +77,26 @@ class ModelFile(unittest.TestCase):
         self.rng = np.random.default_rng(2)
 
     def test_round_trip_is_exact(self):
+        import export
+        import features
         # Dimension 10 puts a line end into the binary header.
+        front = features.Front(16000, 10, 50, 7000, 3, (7, 5))
         mean, multiplier = (self.rng.standard_normal(10).astype(np.float32) for _ in range(2))
-        layers = random_layers(self.rng, (30, 7, 9))
-        export.write_model(self.path, mean, multiplier, layers)
+        layers = random_layers(self.rng, (30, 7, 5, 9))
+        export.write_model(self.path, front, mean, multiplier, layers)
         back = export.read_model(self.path)
         np.testing.assert_array_equal(back["mean"], mean)
         np.testing.assert_array_equal(back["reverse_variance"], multiplier)
-        self.assertEqual((back["rate"], back["low"], back["high"]), (8000, 40, 3800))
+        self.assertEqual(back["front"], front)
         for (w, b), (w_back, b_back) in zip(layers, back["layers"]):
             np.testing.assert_array_equal(w_back, w)
             np.testing.assert_array_equal(b_back, b)
 
     def test_bytes_lie_where_the_library_reads_them(self):
+        import export
+        import features
         layers = random_layers(self.rng, (4, 3, 2))
-        export.write_model(self.path, np.zeros(2), np.ones(2), layers)
+        export.write_model(self.path, features.NARROW, np.zeros(2), np.ones(2), layers)
         with open(self.path, "rb") as file:
             data = file.read()
         at = len(data) - 4 * (3 * 5 + 2 * 4)
@@ -95,25 +104,6 @@ class ModelFile(unittest.TestCase):
         self.assertEqual(struct.unpack_from("<f", data, at + 4)[0], layers[0][0][0, 1])
         self.assertEqual(struct.unpack_from("<f", data, len(data) - 4)[0], layers[1][1][1])
         self.assertIn(b"\n23\nmeanvec 2\n0\n0\nrevvarvec 2\n1\n1\n", data)
-
-    @unittest.skipUnless(os.path.exists(TOOL), "score_pcm is not built")
-    def test_library_scores_the_file_like_the_replica(self):
-        layers = random_layers(self.rng, (286, 64, 64, 9))
-        mean, multiplier = np.full(26, 8, np.float32), np.full(26, 0.3, np.float32)
-        export.write_model(self.path, mean, multiplier, layers)
-        samples = (3000 * self.rng.standard_normal(16000)).astype(np.int16)
-        raw = self.path + ".s16"
-        samples.tofile(raw)
-        subprocess.run([TOOL, self.path, raw, raw + ".out"], check=True)
-        table = np.fromfile(raw + ".out", np.float32).reshape(-1, 10)
-        feature_tool = os.path.join(os.path.dirname(TOOL), "extract_features")
-        subprocess.run([feature_tool, raw, raw + ".f32"], check=True)
-        frames = np.fromfile(raw + ".f32", np.float32).reshape(-1, 26)
-        plain = network.forward(layers, network.stack((frames - mean) * multiplier))
-        self.assertEqual(len(table), label.frame_count(len(samples)))
-        np.testing.assert_allclose(table[:, :9], plain, atol=1e-5)
-        np.testing.assert_array_equal(np.isin(table[:, 9], (0, 3)),
-                                      network.states(network.scores(table[:, :9])))
 
 
 class Replica(unittest.TestCase):
@@ -153,64 +143,140 @@ class Replica(unittest.TestCase):
 
 @unittest.skipIf(missing("torch", "scipy", "soundfile"), "needs torch, scipy and soundfile")
 class Trainer(unittest.TestCase):
-    def test_folded_layers_and_score_match_the_trained_form(self):
+    def setUp(self):
         import torch
         import train
+        self.torch, self.train = torch, train
         torch.manual_seed(4)
         rng = np.random.default_rng(4)
-        matrix = rng.standard_normal((286, 286)) / 10
-        net = train.Net(rng.standard_normal(286), matrix)
+        self.net = train.Net(rng.standard_normal(60), rng.standard_normal((60, 60)) / 5, (20, 10))
+        self.x = 3 * rng.standard_normal((300, 60)).astype(np.float32)
         with torch.no_grad():
-            net.last.weight *= 50  # far beyond the bound
-            x = 3 * rng.standard_normal((300, 286)).astype(np.float32)
-            trained = net(torch.from_numpy(x)[None])
-            folded = network.forward(net.layers(), x)
-            np.testing.assert_allclose(trained[0].exp().numpy(), folded, atol=1e-4)
-            self.assertGreater(folded.min(), 1e-5)
-            np.testing.assert_allclose(train.log_score(trained)[0].exp().numpy(),
-                                       network.scores(folded)[train.WARM:], rtol=1e-3)
+            self.net.last.weight *= 50  # far beyond the bound
+
+    def test_folded_layers_and_score_match_the_trained_form(self):
+        with self.torch.no_grad():
+            trained = self.net(self.torch.from_numpy(self.x)[None])
+        folded = network.forward(self.net.layers(), self.x)
+        np.testing.assert_allclose(trained[0].exp().numpy(), folded, atol=1e-4)
+        self.assertGreater(folded.min(), 1e-5)
+        np.testing.assert_allclose(self.train.log_score(trained)[0].exp().numpy(),
+                                   network.scores(folded)[self.train.WARM:], rtol=1e-3)
+
+    def test_a_network_continues_where_its_file_left_off(self):
+        again = self.train.Net(self.net.centre + 1, self.net.whitening * 2, (20, 10))
+        again.start_from(self.net.layers())
+        np.testing.assert_allclose(network.forward(again.layers(), self.x),
+                                   network.forward(self.net.layers(), self.x), atol=1e-4)
+
+    def test_frames_after_edges_weigh_more(self):
+        marks = np.zeros(100, np.uint8)
+        marks[10:40] = marks[50:60] = 1
+        weights = self.train.frame_weights(marks)
+        self.assertEqual(set(np.flatnonzero(weights == self.train.ONSET_WEIGHT)),
+                         {*range(10, 22), *range(50, 62)})
+        self.assertEqual(set(np.flatnonzero(weights == self.train.TAIL_WEIGHT)),
+                         {*range(45, 50), *range(65, 80)})
+
+
+def made_up_clips(work):
+    """Write clips.s16 and clips.json: voices, noise and music in both splits."""
+    rng = np.random.default_rng(5)
+    records, pieces, at = [], [], 0
+    for number in range(30):
+        kind = ("speech", "noise", "music")[number % 3]
+        x = 20 * rng.standard_normal(24000)
+        if kind == "speech":
+            sound = vowel(rng, 0.8, rng.uniform(90, 200))
+            x[6000:6000 + len(sound)] += sound
+        else:
+            x *= 50
+        voice = {"speech": f"v{number % 2}", "noise": ("", "machines")[number % 2], "music": ""}
+        records.append({"package": "made-up", "name": str(number), "kind": kind,
+                        "voice": voice[kind], "held_out": number >= 15, "start": at,
+                        "length": len(x)})
+        pieces.append(x.astype(np.int16))
+        at += len(x)
+    np.concatenate(pieces).tofile(os.path.join(work, "clips.s16"))
+    with open(os.path.join(work, "clips.json"), "w") as file:
+        json.dump(records, file)
 
 
 @unittest.skipIf(missing("scipy", "soundfile"), "needs scipy and soundfile")
 class Mixing(unittest.TestCase):
-    def test_scenes_are_reproducible_and_keep_the_splits_apart(self):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.work = folder.name
+        made_up_clips(self.work)
+
+    def test_splits_stay_apart(self):
         import mix
-        rng = np.random.default_rng(5)
-        with tempfile.TemporaryDirectory() as work:
-            records, pieces, at = [], [], 0
-            for number in range(24):
-                kind = ("speech", "noise", "music")[number % 3]
-                x = 20 * rng.standard_normal(16000)
-                if kind == "speech":
-                    sound = vowel(rng, 0.8, rng.uniform(90, 200))
-                    x[4000:4000 + len(sound)] += sound
-                else:
-                    x *= 50
-                records.append({"package": "made-up", "name": str(number), "kind": kind,
-                                "voice": f"v{number % 2}", "held_out": number >= 12, "start": at,
-                                "length": len(x)})
-                pieces.append(x.astype(np.int16))
-                at += len(x)
-            np.concatenate(pieces).tofile(os.path.join(work, "clips.s16"))
-            with open(os.path.join(work, "clips.json"), "w") as file:
-                json.dump(records, file)
-            for held_out in (False, True):
-                sources = mix.Sources(work, held_out)
-                used = [r for voice in sources.voices.values() for r in voice]
-                used += [r for p in sources.noise.values() for r in p] + sources.music
-                self.assertEqual(len(used), 12)
-                self.assertTrue(all(r["held_out"] == held_out for r in used))
-            sources = mix.Sources(work, False)
-            track, marks = mix.speech_track(np.random.default_rng(6), sources, 30 * 8000)
-            self.assertGreater(marks.mean(), 0.1)
-            level = label.energies(track)
-            spoken = marks[:len(level)]
-            self.assertGreater(level[spoken].mean() - level[~spoken].mean(), 20)
-            for number in range(6):
-                first = mix.training_scene(np.random.default_rng([7, number]), sources)
-                again = mix.training_scene(np.random.default_rng([7, number]), sources)
-                np.testing.assert_array_equal(first[0], again[0])
-                self.assertEqual(len(first[0]), len(first[1]) * label.SHIFT)
+        for held_out in (False, True):
+            sources = mix.Sources([self.work], held_out)
+            pools = [sources.voices, *sources.noise.values()]
+            used = [clip for pool in pools for group in pool.groups for clip in group]
+            self.assertEqual(len(used), 15)
+            self.assertTrue(all(clip["held_out"] == held_out for clip in used))
+
+    def test_marks_lie_on_the_speech_and_scenes_are_reproducible(self):
+        import label
+        import mix
+        sources = mix.Sources([self.work], False)
+        track, marks = mix.speech_track(np.random.default_rng(6), sources, 30 * 16000)
+        self.assertGreater(marks.mean(), 0.1)
+        level = label.energies(track[::2])
+        spoken = marks[:len(level)]
+        self.assertGreater(level[spoken].mean() - level[~spoken].mean(), 20)
+        for number in range(6):
+            first = mix.training_scene(np.random.default_rng([7, number]), sources)
+            again = mix.training_scene(np.random.default_rng([7, number]), sources)
+            for rate, samples, repeated in zip((16000, 8000), first[0], again[0]):
+                np.testing.assert_array_equal(samples, repeated)
+                self.assertEqual(len(samples) * 100, len(first[1]) * rate)
+
+    def test_own_recordings_get_their_share(self):
+        import mix
+        pool = mix.Pool({"a": list(range(900)), "b": list(range(100)), "own-x": [1]}, lambda _: 1)
+        np.testing.assert_allclose(pool.share, [0.45, 0.15, 0.4])
+
+    def test_tone_bursts_lie_where_they_are_said_to(self):
+        import synth
+        x, places = synth.tones(np.random.default_rng(8), 20 * 16000)
+        inside = np.zeros(len(x), bool)
+        for first, end, _ in places:
+            inside[first:end] = True
+            self.assertGreater(np.abs(x[first:end]).max(), 0.2)
+        self.assertGreater(len(places), 3)
+        self.assertEqual(np.abs(x[~inside]).max(), 0)
+
+    @unittest.skipIf(missing("torch"), "needs torch")
+    @unittest.skipUnless(os.path.exists(os.path.join(TOOLS, "session_pcm")), "the tools are missing")
+    def test_from_clips_to_a_model_that_the_library_runs_like_the_trainer(self):
+        import check
+        import export
+        import features
+        import mix
+        import train
+        from unittest import mock
+        with mock.patch.object(features, "build_tools", lambda work: TOOLS):
+            mix.mix(self.work, "train", 8, seed=2)
+            mix.mix(self.work, "heldout", 14, seed=2)
+            for front in (features.NARROW, features.WIDE):
+                features.extract(self.work, "train", front)
+                trained = train.train(self.work, front, 200, batch=4)
+                model = os.path.join(self.work, f"{front.rate}.bin")
+                export.write_model(model, front, *trained)
+                figures = check.report(self.work, model)
+                self.assertLess(figures["difference"], 1e-4)
+                self.assertGreater(figures["smallest_posterior"], 1e-5)
+                self.assertGreater(figures["clean"]["auc_shifted"], 0.9)
+                with open(os.path.join(self.work, f"train{front.rate // 1000}k-log.json")) as file:
+                    self.assertEqual(json.load(file)[-1][0], 200)
+                # A finished training is taken from its checkpoint as it is.
+                again = train.train(self.work, front, 200, batch=4)
+                for (w, _), (w_again, _) in zip(trained[2], again[2]):
+                    np.testing.assert_array_equal(w, w_again)
 
 
 if __name__ == "__main__":

@@ -4,6 +4,7 @@ The score is a geometric mean over the six speech classes of each one's best 30 
 200 ms, so the classes must take turns while someone speaks, and stop doing so at once after it.
 Nothing tells a class when to peak; the loss on the score alone brings that about.
 """
+import copy
 import json
 import os
 import time
@@ -15,18 +16,23 @@ from torch.nn import functional as F
 
 import features
 import network
-from label import SHIFT
-from mix import RATE, SCENE
+from mix import FRAMES
+from progress import progress
 
 CROP = 256  # frames that count in the loss
 WARM = network.MAXIMUM + network.AVERAGE - 2  # frames before them that fill the smoother
-HIDDEN = 64
 OUTPUT_BOUND = 4.7  # no logit leaves +-4.7, so no posterior falls below exp(-9.4) / 8 = 1.03e-5
 WHITENING_FLOOR = 0.01  # added to the eigenvalues of the stacked features' covariance
 SMOOTHING = 0.02
 SPEECH_SHARE = 0.6  # of the crops come from scenes with speech
 HARD_SHARE = 0.5  # of the others come from where the network last took something for speech
 HARD_EVERY = 2000  # steps between searches for such places
+CROWD_WEIGHT = 0.3  # of a hard place in a crowd, which is speech after all
+ONSET, ONSET_WEIGHT = 12, 2.0  # frames after an onset, and what they count
+TAIL, TAIL_WEIGHT = (5, 20), 1.5  # frames after the end of speech, and what they count
+WORST, WORST_WEIGHT = 8, 0.3  # frames of a speech-free crop that come nearest to speech
+AVERAGING = 0.999  # of the weights, over the last steps
+VALIDATION = 60  # last scenes, kept for the learning curve (a quarter of a small set)
 
 
 class FastSigmoid(torch.autograd.Function):
@@ -51,16 +57,15 @@ def fast_tanh(x):
 
 
 class Net(nn.Module):
-    """Whitened input, two tanh layers, a bounded output layer."""
+    """Whitened input, tanh layers, a bounded output layer."""
 
-    def __init__(self, centre, whitening):
+    def __init__(self, centre, whitening, hidden):
         super().__init__()
         self.register_buffer("centre", torch.as_tensor(centre, dtype=torch.float32))
         self.register_buffer("whitening", torch.as_tensor(whitening, dtype=torch.float32))
-        inputs = len(centre)
-        self.first = nn.Linear(inputs, HIDDEN)
-        self.second = nn.Linear(HIDDEN, HIDDEN)
-        self.last = nn.Linear(HIDDEN, network.CLASSES)
+        sizes = [len(centre), *hidden, network.CLASSES]
+        self.inner = nn.ModuleList(nn.Linear(a, b) for a, b in zip(sizes, sizes[1:-1]))
+        self.last = nn.Linear(sizes[-2], sizes[-1])
 
     def bounded(self):
         """Output weights and biases, scaled so that every logit stays within OUTPUT_BOUND."""
@@ -69,22 +74,44 @@ class Net(nn.Module):
         return self.last.weight * scale[:, None], self.last.bias * scale
 
     def forward(self, stacked):
-        weights = self.first.weight @ self.whitening
-        x = fast_tanh(F.linear(stacked - self.centre, weights, self.first.bias))
-        x = fast_tanh(self.second(x))
+        first, *others = self.inner
+        x = fast_tanh(F.linear(stacked - self.centre, first.weight @ self.whitening, first.bias))
+        for layer in others:
+            x = fast_tanh(layer(x))
         return F.log_softmax(F.linear(x, *self.bounded()), dim=-1)
 
     def layers(self):
         """The same network with plain sigmoid layers: [(weights, biases)]."""
         with torch.no_grad():
-            double = [p.double() for p in (self.first.weight @ self.whitening, self.first.bias,
-                                           self.second.weight, self.second.bias, *self.bounded())]
-            w1, b1, w2, b2, w3, b3 = double
-            # tanh(a) = 2 sigmoid(2 a) - 1
-            plain = [(2 * w1, 2 * (b1 - w1 @ self.centre.double())),
-                     (4 * w2, 2 * (b2 - w2.sum(dim=1))),
-                     (2 * w3, b3 - w3.sum(dim=1))]
+            pairs = [(layer.weight.double(), layer.bias.double()) for layer in self.inner]
+            first = pairs[0][0] @ self.whitening.double()
+            pairs[0] = first, pairs[0][1] - first @ self.centre.double()
+            pairs.append(tuple(p.double() for p in self.bounded()))
+            plain = []
+            for number, (weight, bias) in enumerate(pairs):
+                if number > 0:  # its inputs are tanh(a) = 2 sigmoid(2 a) - 1
+                    weight, bias = 2 * weight, bias - weight.sum(dim=1)
+                if number < len(pairs) - 1:  # its outputs are sigmoids
+                    weight, bias = 2 * weight, 2 * bias
+                plain.append((weight, bias))
             return [(w.float().numpy(), b.float().numpy()) for w, b in plain]
+
+    def start_from(self, layers):
+        """Take over plain sigmoid layers, as layers() gives them."""
+        with torch.no_grad():
+            for number, (weight, bias) in enumerate(layers):
+                weight, bias = (torch.as_tensor(p).double() for p in (weight, bias))
+                if number < len(layers) - 1:
+                    weight, bias = weight / 2, bias / 2
+                if number > 0:
+                    weight = weight / 2
+                    bias = bias + weight.sum(dim=1)
+                else:
+                    bias = bias + weight @ self.centre.double()
+                    weight = weight @ torch.linalg.inv(self.whitening.double())
+                target = [*self.inner, self.last][number]
+                target.weight.copy_(weight)
+                target.bias.copy_(bias)
 
 
 def log_score(log_posteriors):
@@ -95,126 +122,177 @@ def log_score(log_posteriors):
     return (1 + maxima.log().sum(dim=1)) / (network.CLASSES - network.FIRST_SPEECH)
 
 
-def loss_of(log_posteriors, marks):
-    """Mean loss; marks [batch, CROP] in 0..1."""
+def loss_of(log_posteriors, marks, weights, free):
+    """Mean loss; marks and weights [batch, CROP], free [batch]: 1 where a scene has no speech."""
     target = marks * (1 - 2 * SMOOTHING) + SMOOTHING
     margin = 4 * (log_score(log_posteriors) - np.log(network.THRESHOLD))
-    on_score = F.binary_cross_entropy_with_logits(margin, target)
+    each = F.binary_cross_entropy_with_logits(margin, target, reduction="none")
+    on_score = (each * weights).sum() / weights.sum()
     speech = log_posteriors[:, WARM:, network.FIRST_SPEECH:].logsumexp(dim=-1)
     silence = log_posteriors[:, WARM:, :network.FIRST_SPEECH].logsumexp(dim=-1)
     on_frame = -(target * speech + (1 - target) * silence).mean()
-    return on_score + 0.15 * on_frame
+    # One moment above the threshold is a false start, however good the other moments are.
+    worst = F.softplus(margin.topk(WORST, dim=1).values).mean(dim=1)
+    return on_score + 0.15 * on_frame + WORST_WEIGHT * (worst * free).mean()
+
+
+def frame_weights(marks):
+    """What each frame counts in the loss: more just after an onset and after the end of speech."""
+    weights = np.ones(len(marks), np.float32)
+    edges = np.diff(marks.astype(np.int8), prepend=0)
+    for onset in np.flatnonzero(edges == 1):
+        weights[onset:onset + ONSET] = ONSET_WEIGHT
+    for end in np.flatnonzero(edges == -1):
+        tail = slice(end + TAIL[0], end + TAIL[1])
+        weights[tail] = np.where(marks[tail], weights[tail], TAIL_WEIGHT)
+    return weights
 
 
 class Crops:
-    """Random pieces of training scenes with their marks."""
+    """Random pieces of scenes with their marks."""
 
-    def __init__(self, work, name, mean, reverse_variance):
-        frames = features.load(work, name)
-        self.per_scene = SCENE * RATE // SHIFT
-        self.frames = torch.empty(len(frames), features.DIMENSION)
+    def __init__(self, work, name, front, mean, reverse_variance):
+        frames = features.load(work, name, front)
+        self.context = front.context
+        self.frames = torch.empty(len(frames), front.dimension)
         for start in range(0, len(frames), 1 << 18):
             piece = (frames[start:start + (1 << 18)] - mean) * reverse_variance
             self.frames[start:start + len(piece)] = torch.from_numpy(piece)
         marks = np.fromfile(os.path.join(work, name + ".marks"), np.uint8)
-        self.marks = torch.from_numpy(marks)
-        with_speech = marks.reshape(-1, self.per_scene).any(axis=1)
-        self.speech_scenes = np.flatnonzero(with_speech)
-        self.other_scenes = np.flatnonzero(~with_speech)
         with open(os.path.join(work, name + ".json")) as file:
-            crowd = np.array(["babble" in about["kinds"] for about in json.load(file)])
-        # A crowd is speech after all: searching there would find little else.
-        self.searched_scenes = np.flatnonzero(~with_speech & ~crowd)
-        self.hard = np.zeros((0, 2), np.int64)  # (first frame of a crop, frames taken for speech)
-        self.length = CROP + WARM + network.CONTEXT - 1
+            self.crowd = np.array(["crowd" in about["kinds"] for about in json.load(file)])
+        self.marks = torch.from_numpy(marks)
+        self.weights = torch.from_numpy(frame_weights(marks))
+        has_speech = marks.reshape(-1, FRAMES).any(axis=1)
+        drawn = len(has_speech) - min(VALIDATION, len(has_speech) // 4)
+        self.speech_scenes = np.flatnonzero(has_speech[:drawn])
+        self.other_scenes = np.flatnonzero(~has_speech[:drawn])
+        self.validation_scenes = np.arange(drawn, len(has_speech))
+        self.has_speech = has_speech
+        self.hard = np.zeros((0, 2))  # (first frame of a crop, weight)
+        self.length = CROP + WARM + self.context - 1
         # The last two frames of a scene reach into the next one.
-        self.room = self.per_scene - 2 - self.length
+        self.room = FRAMES - 2 - self.length
 
     def stacked(self, index):
-        """[batch, time] frame numbers -> [batch, time - 10, 286]."""
-        windows = self.frames[index].unfold(1, network.CONTEXT, 1)
+        """[batch, time] frame numbers -> [batch, time - context + 1, inputs]."""
+        windows = self.frames[index].unfold(1, self.context, 1)
         return windows.permute(0, 1, 3, 2).reshape(*windows.shape[:2], -1)
 
+    def batch(self, starts):
+        """(stacked features, marks, weights, free) of the crops that begin at frames `starts`."""
+        index = torch.from_numpy(starts)[:, None] + torch.arange(self.length)
+        counted = index[:, self.length - CROP:]
+        free = torch.from_numpy(~self.has_speech[starts // FRAMES]).float()
+        return (self.stacked(index), self.marks[counted].float(), self.weights[counted], free)
+
     def draw(self, rng, batch):
-        """(stacked features, marks) of `batch` crops."""
         share = rng.random(batch)
         scenes = np.where(share < SPEECH_SHARE, rng.choice(self.speech_scenes, batch),
                           rng.choice(self.other_scenes, batch))
-        starts = scenes * self.per_scene + rng.integers(0, self.room, batch)
+        starts = scenes * FRAMES + rng.integers(0, self.room, batch)
         if len(self.hard):
-            weights = np.sqrt(self.hard[:, 1])
-            chosen = self.hard[rng.choice(len(self.hard), batch, p=weights / weights.sum()), 0]
+            chosen = self.hard[rng.choice(len(self.hard), batch, p=self.hard_share), 0]
             starts = np.where(share > 1 - HARD_SHARE * (1 - SPEECH_SHARE), chosen, starts)
-        index = torch.from_numpy(starts)[:, None] + torch.arange(self.length)
-        return self.stacked(index), self.marks[index[:, self.length - CROP:]].float()
+        return self.batch(starts.astype(np.int64))
+
+    def validation(self):
+        """The same crops of the last scenes every time."""
+        rng = np.random.default_rng(0)
+        return self.batch(self.validation_scenes * FRAMES
+                          + rng.integers(0, self.room, len(self.validation_scenes)))
 
     def find_hard(self, net):
         """Note where the network takes speech-free scenes for speech, or nearly."""
         places = []
         with torch.no_grad():
-            for scene in self.searched_scenes:
-                first = scene * self.per_scene
-                index = first + torch.arange(self.per_scene - 2)[None]
+            for scene in self.other_scenes:
+                first = scene * FRAMES
+                index = first + torch.arange(FRAMES - 2)[None]
                 near = log_score(net(self.stacked(index)))[0] > np.log(0.7 * network.THRESHOLD)
                 blocks = near[:len(near) // 128 * 128].reshape(-1, 128).sum(dim=1).numpy()
+                weight = CROWD_WEIGHT if self.crowd[scene] else 1.0
                 for block in np.flatnonzero(blocks):
-                    places.append((first + min(block * 128, self.room - 1), blocks[block]))
-        self.hard = np.array(places, np.int64).reshape(-1, 2)
+                    places.append((first + min(block * 128, self.room - 1),
+                                   weight * np.sqrt(blocks[block])))
+        self.use_hard(np.array(places).reshape(-1, 2))
+
+    def use_hard(self, places):
+        self.hard = places
+        self.hard_share = places[:, 1] / places[:, 1].sum() if len(places) else None
 
 
 def whitening(crops, rng):
     """(centre, matrix): regularised ZCA of the stacked features."""
-    sample = torch.cat([crops.draw(rng, 64)[0].reshape(-1, 286)[::7] for _ in range(80)]).double()
+    sample = [crops.draw(rng, 64)[0] for _ in range(60)]
+    sample = torch.cat([s.reshape(-1, s.shape[-1])[::9] for s in sample]).double()
     centre = sample.mean(dim=0)
     values, vectors = torch.linalg.eigh(torch.cov(sample.T))
     matrix = vectors @ torch.diag((values + WHITENING_FLOOR) ** -0.5) @ vectors.T
     return centre.numpy(), matrix.numpy()
 
 
-def train(work, steps=12000, batch=20, rate=8e-3, seed=5, name="train", threads=1):
-    """Train on work/NAME, with checkpoints: (mean, reverse variance, layers)."""
+def train(work, front, steps, batch=20, rate=8e-3, seed=5, name="train", threads=1, start=None):
+    """Train on work/NAME, with checkpoints: (mean, reverse variance, layers).
+
+    start: a model as export.read_model gives it, to continue from.
+    """
     torch.set_num_threads(threads)
     torch.manual_seed(seed)
     rng = np.random.default_rng(seed)
-    mean, reverse_variance = features.normalisation(features.load(work, name))
-    crops = Crops(work, name, mean, reverse_variance)
-    net = Net(*whitening(crops, rng))
+    if start:
+        mean, reverse_variance = start["mean"], start["reverse_variance"]
+    else:
+        mean, reverse_variance = features.normalisation(features.load(work, name, front))
+    crops = Crops(work, name, front, mean, reverse_variance)
+    net = Net(*whitening(crops, rng), front.hidden)
+    if start:
+        net.start_from(start["layers"])
+    average = copy.deepcopy(net)
     optimiser = torch.optim.AdamW(net.parameters(), rate, weight_decay=1e-2)
     schedule = torch.optim.lr_scheduler.LambdaLR(
         optimiser, lambda step: min(1, (step + 1) / 200) * 0.5 * (1 + np.cos(np.pi * step / steps)))
-    checkpoint, start = os.path.join(work, "checkpoint.pt"), 0
-    settings = [steps, batch, rate, seed, name, len(crops.marks)]
+    label = f"train {front.rate // 1000}k"
+    checkpoint, first = os.path.join(work, f"checkpoint{front.rate // 1000}k.pt"), 0
+    settings = [steps, batch, rate, seed, name, len(crops.marks), front, bool(start)]
+    log, running = [], 0.0
     if os.path.exists(checkpoint):
         saved = torch.load(checkpoint)
         if saved["settings"] == settings:
             net.load_state_dict(saved["net"])
+            average.load_state_dict(saved["average"])
             optimiser.load_state_dict(saved["optimiser"])
             schedule.load_state_dict(saved["schedule"])
-            rng.bit_generator.state, start = saved["rng"], saved["step"]
-            crops.hard = saved["hard"]
-    log, begun, running = [], time.time(), 0.0
-    for step in range(start, steps):
-        stacked, marks = crops.draw(rng, batch)
-        loss = loss_of(net(stacked), marks)
+            rng.bit_generator.state, first, log = saved["rng"], saved["step"], saved["log"]
+            crops.use_hard(saved["hard"])
+    begun, validation = time.time(), crops.validation()
+    for step in range(first, steps):
+        if step % HARD_EVERY == 0 and (step > 0 or start):
+            crops.find_hard(net)
+        drawn = crops.draw(rng, batch)
+        loss = loss_of(net(drawn[0]), *drawn[1:])
         optimiser.zero_grad()
         loss.backward()
         nn.utils.clip_grad_norm_(net.parameters(), 1.0)
         optimiser.step()
         schedule.step()
         running += loss.item()
-        if step % HARD_EVERY == HARD_EVERY - 1 and step + 1 < steps:
-            crops.find_hard(net)
-            print(f"train: {crops.hard[:, 1].sum() / 100:.0f} s of speech-free scenes taken for "
-                  f"speech, or nearly", flush=True)
+        with torch.no_grad():
+            for kept, now in zip(average.parameters(), net.parameters()):
+                kept.lerp_(now, max(1 - AVERAGING, 1 / (step + 1)))
         if step % 200 == 199:
-            log.append([step + 1, running / 200])
-            print(f"train {step + 1}/{steps} loss {running / 200:.4f} "
-                  f"{(time.time() - begun) / (step + 1 - start) * 1000:.0f} ms/step", flush=True)
+            with torch.no_grad():
+                unseen = loss_of(average(validation[0]), *validation[1:]).item()
+            log.append([step + 1, running / 200, unseen, len(crops.hard)])
             running = 0.0
+            progress(label, step + 1 - first, steps - first, begun,
+                     f"loss {log[-1][1]:.4f}, unseen {unseen:.4f}, {len(crops.hard)} hard places")
+            with open(os.path.join(work, f"train{front.rate // 1000}k-log.json"), "w") as file:
+                json.dump(log, file)
         if step % 1000 == 999:
             torch.save({"settings": settings, "net": net.state_dict(), "step": step + 1,
-                        "optimiser": optimiser.state_dict(), "schedule": schedule.state_dict(),
-                        "rng": rng.bit_generator.state, "hard": crops.hard}, checkpoint)
-    with open(os.path.join(work, "train-log.json"), "w") as file:
-        json.dump(log, file)
-    return mean, reverse_variance, net.layers()
+                        "average": average.state_dict(), "optimiser": optimiser.state_dict(),
+                        "schedule": schedule.state_dict(), "rng": rng.bit_generator.state,
+                        "hard": crops.hard, "log": log}, checkpoint + ".partial")
+            os.replace(checkpoint + ".partial", checkpoint)
+    return mean, reverse_variance, average.layers()
