@@ -4,6 +4,7 @@
 #   make demo               find the speech in the bundled recordings
 #   make test               everything: native, sanitizers, 32-bit and 64-bit ARM under the emulator
 #   make bench              time the library, natively and on ARM
+#   make models             train the bundled models anew (downloads 6 GB of recordings)
 #   make quality            measure the models beside other detectors; report in build/quality
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
@@ -12,17 +13,16 @@
 
 PREFIX ?= /usr/local
 TEST_PRESETS ?= release asan tsan armhf arm64
-MODEL ?= models/vad8k.bin
 
 export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench quality install lint format clean dist
+.PHONY: demo test bench models quality install lint format clean dist
 
 demo: dist
-	@for recording in samples/*.wav; do \
-	    echo "$$recording"; build/dist/app/dnnvad --model $(MODEL) "$$recording" || exit 1; \
+	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
+	    echo "$$recording"; build/dist/app/dnnvad "$$recording" || exit 1; \
 	done
 
 test:
@@ -33,13 +33,17 @@ bench:
 	@scripts/setup.sh bench
 	@bench/run.sh
 
-# The evaluation set takes long to make and is kept. Training packages are wanted for it only.
+models:
+	@scripts/setup.sh models
+	@$(PYTHON) training/pipeline.py
+
+# The evaluation set takes minutes to make and is kept.
 quality:
 	@scripts/setup.sh quality
 	@[ quality/node_modules/.package-lock.json -nt quality/package-lock.json ] || \
 	    (cd quality && npm ci --ignore-scripts --no-audit --no-fund)
-	@[ -f build/training/heldout.json ] || { training/setup.sh && \
-	    $(PYTHON) training/pipeline.py fetch decode mix-heldout; }
+	@[ -f build/training/heldout.json ] || \
+	    $(PYTHON) training/pipeline.py fetch decode mix-heldout
 	@$(PYTHON) quality/quality.py
 
 install: dist

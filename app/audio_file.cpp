@@ -49,15 +49,28 @@ short to_pcm(float sample) {
     return static_cast<short>(std::clamp(std::lrint(sample * kFullScale), -32768L, 32767L));
 }
 
-}  // namespace
+using File = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
-std::vector<short> read_recording(const std::string& path, int rate) {
-    SF_INFO info{};
-    const std::unique_ptr<SNDFILE, int (*)(SNDFILE*)> file(sf_open(path.c_str(), SFM_READ, &info),
-                                                           sf_close);
+File open_recording(const std::string& path, SF_INFO& info) {
+    info = {};
+    File file(sf_open(path.c_str(), SFM_READ, &info), sf_close);
     if (file == nullptr) {
         throw std::runtime_error(sf_strerror(nullptr));
     }
+    return file;
+}
+
+}  // namespace
+
+int recording_rate(const std::string& path) {
+    SF_INFO info;
+    open_recording(path, info);
+    return info.samplerate;
+}
+
+std::vector<short> read_recording(const std::string& path, int rate) {
+    SF_INFO info;
+    const File file = open_recording(path, info);
     std::vector<float> mono = read_mono(file.get(), info.channels);
     if (sf_error(file.get()) != SF_ERR_NO_ERROR) {
         throw std::runtime_error(sf_strerror(file.get()));

@@ -9,4 +9,7 @@
 // to 16 bits; samples beyond full scale are clipped. Throws std::runtime_error with the reason.
 std::vector<short> read_recording(const std::string& path, int rate);
 
+// The rate of a recording in Hz. Throws std::runtime_error with the reason.
+int recording_rate(const std::string& path);
+
 #endif

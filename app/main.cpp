@@ -16,13 +16,14 @@
 namespace {
 
 constexpr int kSampleRateId = 13;
+constexpr int kWideRate = 16000;  // Hz, from which on the 16 kHz model listens
 
 constexpr char kHelp[] =
     "Usage: dnnvad [OPTION]... FILE\n"
     "Prints the speech segments of a recording (any format that libsndfile reads), a line each:\n"
     "start and end with the margins, first and last speech (all in seconds), why it ended.\n"
     "\n"
-    "  --model FILE     network model (default: the bundled 8 kHz model)\n"
+    "  --model FILE     network model (default: the bundled one, for 16 kHz from that rate on)\n"
     "  --config FILE    lines PARAM_NAME:value, see the README\n"
     "  --textgrid FILE  also write the segments as a Praat TextGrid\n"
     "  --verbose        show the library's diagnostic lines on standard error\n"
@@ -39,13 +40,15 @@ struct Options {
     bool verbose = false;
 };
 
-// The bundled model: beside the program where it is installed, else in the source tree.
-std::string bundled_model() {
+// The bundled model for a recording: beside the program where it is installed, else in the source
+// tree.
+std::string bundled_model(int rate) {
     namespace fs = std::filesystem;
     std::error_code error;
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
-    const fs::path installed = program.parent_path() / DNNVAD_MODEL_FROM_BIN / "vad8k.bin";
-    return fs::exists(installed, error) ? installed.string() : DNNVAD_SOURCE_MODELS "/vad8k.bin";
+    const char* const name = rate >= kWideRate ? "vad16k.bin" : "vad8k.bin";
+    const fs::path installed = program.parent_path() / DNNVAD_MODEL_FROM_BIN / name;
+    return (fs::exists(installed, error) ? installed : fs::path(DNNVAD_SOURCE_MODELS) / name).string();
 }
 
 // Takes standard output away from the library, whose diagnostic lines go there, and returns it for
@@ -157,7 +160,8 @@ int run(const Options& options, FILE* output) {
     if (!options.config.empty() && !apply_config(options.config.c_str(), session)) {
         return fail(options.config, "cannot be read");
     }
-    const std::string model = options.model.empty() ? bundled_model() : options.model;
+    const std::string model =
+        options.model.empty() ? bundled_model(recording_rate(options.file)) : options.model;
     if (session.mfeInit(model.c_str()) != 0) {
         return fail(model, "not a usable network model (--verbose tells why)");
     }

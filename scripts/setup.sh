@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs the Debian packages that a task needs and that are missing.
 #
-#   scripts/setup.sh TASK...        TASK: build demo test bench quality lint
+#   scripts/setup.sh TASK...        TASK: build demo test bench models quality lint
 #   scripts/setup.sh --list TASK... print the packages instead
 #
 # Nothing is asked of the network, and nothing needs root, when every package is there already.
@@ -18,11 +18,15 @@ LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
 ARMHF="qemu-user g++-arm-linux-gnueabihf libne10-dev:armhf
        libc6 libstdc++6 libgcc-s1 libc6:armhf libstdc++6:armhf libgcc-s1:armhf"
 BENCH="$BUILD $ARMHF libbenchmark-dev"
+# Training. Without libopenblas0-pthread Debian's torch falls back to a reference library that is about
+# fifteen times slower.
+MODELS="$BUILD python3-torch python3-numpy python3-scipy python3-soundfile python3-matplotlib
+        libopenblas0-pthread ffmpeg"
 # Measuring beside other detectors, which run on node; one from elsewhere will do.
-QUALITY="$BUILD python3-matplotlib python3-numpy"
+QUALITY="$MODELS"
 { command -v node && command -v npm; } >/dev/null || QUALITY="$QUALITY nodejs npm"
-# The suite runs natively and on both emulated ARM targets.
-TEST="$DEMO $ARMHF libgtest-dev libgtest-dev:armhf python3-minimal python3-numpy util-linux
+# The suite runs natively and on both emulated ARM targets, and a small training natively.
+TEST="$DEMO $ARMHF $MODELS libgtest-dev libgtest-dev:armhf util-linux
       g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64"
 
@@ -38,9 +42,10 @@ for task in "$@"; do
     demo) packages="$packages $DEMO" ;;
     test) packages="$packages $TEST" ;;
     bench) packages="$packages $BENCH" ;;
+    models) packages="$packages $MODELS" ;;
     quality) packages="$packages $QUALITY" ;;
     lint) packages="$packages $LINT" ;;
-    *) echo "setup: unknown task '$task' (build demo test bench quality lint)" >&2; exit 2 ;;
+    *) echo "setup: unknown task '$task' (build demo test bench models quality lint)" >&2; exit 2 ;;
   esac
 done
 packages=$(printf '%s\n' $packages | sort -u)

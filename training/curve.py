@@ -18,7 +18,7 @@ def draw(work, rates):
         axes.plot(steps, seen, f"C{number}", alpha=0.4, label=f"{rate} kHz, crops drawn")
         axes.plot(steps, unseen, f"C{number}", label=f"{rate} kHz, unseen crops, averaged weights")
     axes.set(xlabel="step", ylabel="loss", yscale="log",
-             title="Hard places join the crops drawn every 2000 steps")
+             title="Hard places join the crops drawn now and then")
     axes.grid(alpha=0.3)
     axes.legend()
     figure.tight_layout()

@@ -150,7 +150,7 @@ def decode_job(job):
 
 
 def load_clips(work):
-    """(records, samples): the list and a memory map of the samples."""
+    """(records, samples): the list and all samples, which are too scattered in use for a map."""
     with open(os.path.join(work, "clips.json")) as file:
         records = json.load(file)
-    return records, np.memmap(os.path.join(work, "clips.s16"), np.int16, "r")
+    return records, np.fromfile(os.path.join(work, "clips.s16"), np.int16)

@@ -254,8 +254,8 @@ def training_scene(rng, sources):
             track = synth.room(rng, track)
         mixture = synth.channel(rng, track)
         kinds = [rng.choice(["steady", "effects", "machines", "music", "crowd", "none"],
-                            p=[0.30, 0.25, 0.09, 0.19, 0.07, 0.10])]
-        about["snr"] = snr = rng.uniform(-5, 30) if rng.random() < 0.85 else rng.uniform(25, 45)
+                            p=[0.32, 0.26, 0.10, 0.19, 0.04, 0.09])]
+        about["snr"] = snr = rng.uniform(-5, 20) if rng.random() < 0.6 else rng.uniform(10, 45)
         speech = active_rms(mixture)
         if kinds[0] != "none":
             mixture = mixture + background(rng, sources, n, kinds[0]) * speech * 10 ** (-snr / 20)
@@ -269,7 +269,7 @@ def training_scene(rng, sources):
                 -rng.uniform(max(snr, 10), 55) / 20)
     else:
         marks = np.zeros(FRAMES, bool)
-        kinds = [rng.choice(list(BEDS), p=[0.12, 0.27, 0.10, 0.28, 0.11, 0.12])]
+        kinds = [rng.choice(list(BEDS), p=[0.12, 0.28, 0.12, 0.27, 0.16, 0.05])]
         mixture = background(rng, sources, n, kinds[0])
         if rng.random() < 0.5:
             kinds.append(rng.choice(["steady", "effects", "machines"]))
@@ -334,12 +334,12 @@ def mix(work, name, scenes, seed, works=()):
     listing = os.path.join(work, name + ".json")
     if os.path.exists(listing):
         return
+    Job.begin(works or [work], name.startswith("heldout"), seed)  # inherited by the processes
     abouts, begun = [], time.time()
     with open(os.path.join(work, name + ".s16"), "wb") as wide, \
             open(os.path.join(work, name + "8.s16"), "wb") as narrow, \
             open(os.path.join(work, name + ".marks"), "wb") as truth, \
-            multiprocessing.Pool(
-                None, Job.begin, (works or [work], name.startswith("heldout"), seed)) as pool:
+            multiprocessing.Pool() as pool:
         for samples, marks, about in pool.imap(Job.scene, range(scenes), 4):
             samples[0].tofile(wide)
             samples[1].tofile(narrow)

@@ -2,7 +2,7 @@
 
     python3 training/pipeline.py [--work build/training] [--models models] [stage ...]
 
-Stages in order: fetch decode mix features train bleep check. Without a name all of them run; what an
+Stages in order: fetch decode mix-heldout mix features train bleep check. Without a name all of them run; what an
 earlier run finished is kept (delete its file in the work folder to make it again), and an
 interrupted training goes on from its last checkpoint.
 """
@@ -12,7 +12,7 @@ import os
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-STAGES = ("fetch", "decode", "mix", "features", "train", "bleep", "check")
+STAGES = ("fetch", "decode", "mix-heldout", "mix", "features", "train", "bleep", "check")
 
 
 def train_one(work, kilohertz, path, steps, start=None, rate=8e-3):
@@ -46,9 +46,9 @@ def main():
     parser.add_argument("--models", default=os.path.join(ROOT, "models"))
     parser.add_argument("--rates", type=int, nargs="+", choices=(8, 16), default=(8, 16),
                         help="kHz, which models to make")
-    parser.add_argument("--scenes", type=int, default=8000, help="training scenes of 30 s")
+    parser.add_argument("--scenes", type=int, default=7000, help="training scenes of 30 s")
     parser.add_argument("--held-out", type=int, default=336, help="scenes for measuring")
-    parser.add_argument("--steps", type=int, default=16000)
+    parser.add_argument("--steps", type=int, default=20000)
     arguments = parser.parse_args()
     stages = arguments.stage or STAGES
     if unknown := set(stages) - set(STAGES):
@@ -65,11 +65,12 @@ def main():
     if "decode" in stages:
         import decode
         decode.decode(work)
-    if "mix" in stages:
+    if "mix-heldout" in stages:
         import mix
         mix.mix(work, "heldout", arguments.held_out, seed=2)
-        if "train" in stages or "mix" in arguments.stage:
-            mix.mix(work, "train", arguments.scenes, seed=1)
+    if "mix" in stages:
+        import mix
+        mix.mix(work, "train", arguments.scenes, seed=1)
     if "features" in stages:
         import features
         for rate in paths:
@@ -81,8 +82,7 @@ def main():
     if "bleep" in stages:
         import bleep
         for rate, path in paths.items():
-            bleep.make(work, path, os.path.join(arguments.models, f"bleep{rate}k.txt"),
-                       1000 * rate)
+            bleep.make(work, path, os.path.join(arguments.models, f"bleep{rate}k.txt"), 1000 * rate)
     if "check" in stages:
         import check
         for path in paths.values():

@@ -208,6 +208,8 @@ def tone_burst(rng):
         base = np.exp(rng.uniform(np.log(100), np.log(800)))
         x = np.sign(np.sin(2 * np.pi * base * t)) * 0.6
     else:
+        if rng.random() < 0.2:
+            t = np.arange(int(rng.uniform(0.5, 2.5) * RATE)) / RATE
         x = np.sin(2 * np.pi * np.exp(rng.uniform(np.log(200), np.log(3800))) * t)
         if rng.random() < 0.3:
             x = (x + np.sin(2 * np.pi * np.exp(rng.uniform(np.log(200), np.log(3800))) * t)) / 2

@@ -24,13 +24,12 @@ WARM = network.MAXIMUM + network.AVERAGE - 2  # frames before them that fill the
 OUTPUT_BOUND = 4.7  # no logit leaves +-4.7, so no posterior falls below exp(-9.4) / 8 = 1.03e-5
 WHITENING_FLOOR = 0.01  # added to the eigenvalues of the stacked features' covariance
 SMOOTHING = 0.02
-SPEECH_SHARE = 0.6  # of the crops come from scenes with speech
+SPEECH_SHARE = 0.62  # of the crops come from scenes with speech
 HARD_SHARE = 0.5  # of the others come from where the network last took something for speech
-HARD_EVERY = 2000  # steps between searches for such places
-CROWD_WEIGHT = 0.3  # of a hard place in a crowd, which is speech after all
+HARD_EVERY = 2500  # steps between searches for such places
 ONSET, ONSET_WEIGHT = 12, 2.0  # frames after an onset, and what they count
 TAIL, TAIL_WEIGHT = (5, 20), 1.5  # frames after the end of speech, and what they count
-WORST, WORST_WEIGHT = 8, 0.3  # frames of a speech-free crop that come nearest to speech
+WORST, WORST_WEIGHT = 8, 0.2  # frames of a speech-free crop that come nearest to speech
 AVERAGING = 0.999  # of the weights, over the last steps
 VALIDATION = 60  # last scenes, kept for the learning curve (a quarter of a small set)
 
@@ -123,7 +122,7 @@ def log_score(log_posteriors):
 
 
 def loss_of(log_posteriors, marks, weights, free):
-    """Mean loss; marks and weights [batch, CROP], free [batch]: 1 where a scene has no speech."""
+    """Mean loss; marks and weights [batch, CROP], free [batch]: 1 where a scene may not start one."""
     target = marks * (1 - 2 * SMOOTHING) + SMOOTHING
     margin = 4 * (log_score(log_posteriors) - np.log(network.THRESHOLD))
     each = F.binary_cross_entropy_with_logits(margin, target, reduction="none")
@@ -160,7 +159,8 @@ class Crops:
             self.frames[start:start + len(piece)] = torch.from_numpy(piece)
         marks = np.fromfile(os.path.join(work, name + ".marks"), np.uint8)
         with open(os.path.join(work, name + ".json")) as file:
-            self.crowd = np.array(["crowd" in about["kinds"] for about in json.load(file)])
+            # A crowd is speech after all: a search for false starts would find little else.
+            crowd = np.array(["crowd" in about["kinds"] for about in json.load(file)])
         self.marks = torch.from_numpy(marks)
         self.weights = torch.from_numpy(frame_weights(marks))
         has_speech = marks.reshape(-1, FRAMES).any(axis=1)
@@ -168,7 +168,8 @@ class Crops:
         self.speech_scenes = np.flatnonzero(has_speech[:drawn])
         self.other_scenes = np.flatnonzero(~has_speech[:drawn])
         self.validation_scenes = np.arange(drawn, len(has_speech))
-        self.has_speech = has_speech
+        self.free = torch.from_numpy(~has_speech & ~crowd).float()
+        self.searched_scenes = np.flatnonzero(~has_speech[:drawn] & ~crowd[:drawn])
         self.hard = np.zeros((0, 2))  # (first frame of a crop, weight)
         self.length = CROP + WARM + self.context - 1
         # The last two frames of a scene reach into the next one.
@@ -183,8 +184,8 @@ class Crops:
         """(stacked features, marks, weights, free) of the crops that begin at frames `starts`."""
         index = torch.from_numpy(starts)[:, None] + torch.arange(self.length)
         counted = index[:, self.length - CROP:]
-        free = torch.from_numpy(~self.has_speech[starts // FRAMES]).float()
-        return (self.stacked(index), self.marks[counted].float(), self.weights[counted], free)
+        return (self.stacked(index), self.marks[counted].float(), self.weights[counted],
+                self.free[starts // FRAMES])
 
     def draw(self, rng, batch):
         share = rng.random(batch)
@@ -206,15 +207,13 @@ class Crops:
         """Note where the network takes speech-free scenes for speech, or nearly."""
         places = []
         with torch.no_grad():
-            for scene in self.other_scenes:
+            for scene in self.searched_scenes:
                 first = scene * FRAMES
                 index = first + torch.arange(FRAMES - 2)[None]
                 near = log_score(net(self.stacked(index)))[0] > np.log(0.7 * network.THRESHOLD)
                 blocks = near[:len(near) // 128 * 128].reshape(-1, 128).sum(dim=1).numpy()
-                weight = CROWD_WEIGHT if self.crowd[scene] else 1.0
-                for block in np.flatnonzero(blocks):
-                    places.append((first + min(block * 128, self.room - 1),
-                                   weight * np.sqrt(blocks[block])))
+                places += [(first + min(block * 128, self.room - 1), np.sqrt(blocks[block]))
+                           for block in np.flatnonzero(blocks)]
         self.use_hard(np.array(places).reshape(-1, 2))
 
     def use_hard(self, places):
