@@ -10,6 +10,7 @@ words, noise and music in rooms, channels and backgrounds.
 """
 import argparse
 import collections
+import functools
 import json
 import os
 import subprocess
@@ -32,14 +33,15 @@ RATE = prompt.RATE
 ROWS, LOW = 15, 5  # rows of a template; columns LOW - 1 .. F - 2 have weights
 WORK = os.path.join(features.ROOT, "build", "training")
 TAIL = 1.5  # seconds of silence that end a stream: the pause limit is 0.9 s
-PROMPTS, WORDS, SOUNDS = 2500, 5000, 1500  # streams that a template is derived from
-THRESHOLDS = (0.2, 0.15)  # of speech, half of these streams each; 0.2 is the default
+PLAIN, LIVELY = ("none", "steady"), ("effects", "machines", "music")  # backgrounds
+PROMPTS, WORDS, SOUNDS = 2000, 4000, 1000  # streams that a template is derived from
+THRESHOLDS = (0.2, 0.15)  # of speech, at which they run; 0.2 is the default
 ON = 0.6  # share of the prompts in which a cell of the template is on
-DECAY = 2e-4  # penalty on squared weights
+DECAY = 5e-5  # penalty on squared weights
 FALSE_SHARE = 0.001  # of other sounds that may pass for the prompt: where the bias is set
 
-COMMANDS, FIRST_WORDS = 1000, 1400  # streams that measure, of each kind
-CHECKED = (0.2, 0.15, 0.1)  # thresholds that they run at
+COMMANDS, FIRST_WORDS = 600, 1500  # streams that measure, of each kind
+CHECKED = (0.2, 0.15)  # thresholds that they run at
 SPEAKING, ENDED = 1, 6  # status codes
 REVERBERATION = 20  # frames for which the prompt may be heard after its end
 OUTCOMES = ("recognised", "no speech", "not recognised", "not asked", "joined", "other")
@@ -75,15 +77,14 @@ def line_up(*parts):
                            for part in parts])
 
 
-def recorded(rng, sources, x, snr):
+def recorded(rng, sources, x, snr, kinds=PLAIN + LIVELY):
     """16-bit samples at both rates of a clean stream in a room, before a background at snr dB."""
     x = x / mix.active_rms(x)
     if rng.random() < 0.5:
         x = synth.room(rng, x)
     x = synth.channel(rng, x)
     level = mix.active_rms(x)
-    kind = rng.choice(["none", "steady", "effects", "machines", "music"],
-                      p=[0.15, 0.3, 0.2, 0.1, 0.25])
+    kind = rng.choice(kinds)
     if kind != "none":
         x = x + mix.background(rng, sources, len(x), kind) * level * 10 ** (-snr / 20)
     if rng.random() < 0.9:  # a microphone's own noise
@@ -96,7 +97,8 @@ def prompt_stream(rng, sources):
     """(samples at both rates, frame of the prompt's begin)."""
     lead = rng.uniform(0.02, 0.5)
     x = line_up(lead, prompt.prompt(), TAIL)
-    return recorded(rng, sources, x, rng.uniform(5, 40)), int(lead * 100)
+    samples = recorded(rng, sources, x, rng.uniform(5, 40), PLAIN + PLAIN + LIVELY)
+    return samples, int(lead * 100)
 
 
 def word_stream(rng, sources):
@@ -114,7 +116,7 @@ def sound_stream(rng, sources):
     return recorded(rng, sources, x, rng.uniform(20, 40)), None
 
 
-def command_stream(rng, sources):
+def command_stream(rng, sources, kinds):
     """(samples at both rates, frames (prompt's end, command's begin)): prompt, pause, command.
 
     The pause is longer than the pause limit, the command earlier than the head silence.
@@ -124,8 +126,16 @@ def command_stream(rng, sources):
         rng.uniform(-6, 10) / 20)
     pause = rng.uniform(1.3, 2.0)
     frames = len(before) // mix.SHIFT, len(before) // mix.SHIFT + int(100 * pause)
-    x = line_up(before, pause, spoken, TAIL)
-    return recorded(rng, sources, x, rng.uniform(10, 40)), frames
+    x = line_up(before, pause, spoken, 2 * TAIL)
+    return recorded(rng, sources, x, rng.uniform(10, 40), kinds), frames
+
+
+def plain_command_stream(rng, sources):
+    return command_stream(rng, sources, PLAIN)
+
+
+def lively_command_stream(rng, sources):
+    return command_stream(rng, sources, LIVELY)
 
 
 # ---- Sessions -----------------------------------------------------------------------------------
@@ -138,36 +148,35 @@ def build_tool(work):
     return os.path.join(tools, "bleep_maps")
 
 
-def sessions(tool, model, template, rate, stream, sources, seeds, threshold):
-    """[(what stream() says, what bleep_maps says)] of a stream per seed.
+def sessions(tool, model, template, rate, stream, sources, count, thresholds=THRESHOLDS):
+    """{threshold: [(what stream() says of itself, what bleep_maps says)]} of `count` streams.
 
     The map is [asked, F] of 0 and 1.
     """
-    name = f"{stream.__name__.replace('_', ' ')}s, threshold {threshold}"
-    abouts, results, begun = [], [], time.time()
+    abouts, found, begun = [], {}, time.time()
     with tempfile.TemporaryDirectory() as folder:
-        out = os.path.join(folder, "out")
-        with subprocess.Popen([tool, model, template, out, str(threshold)],
-                              stdin=subprocess.PIPE, stdout=subprocess.DEVNULL) as child:
-            for seed in seeds:
-                # Functions of their own, and splits, draw numbers of their own.
+        streams, out = os.path.join(folder, "streams"), os.path.join(folder, "out")
+        with open(streams, "wb") as file:
+            for seed in range(count):
+                # Each kind of stream and each split draws numbers of its own.
                 rng = np.random.default_rng([seed, sources.varied, *stream.__name__.encode()])
                 samples, about = stream(rng, sources)
                 abouts.append(about)
                 samples = samples[0 if rate == RATE else 1]
-                child.stdin.write(np.int32(len(samples)).tobytes() + samples.tobytes())
-                progress(name, len(abouts), len(seeds), begun)
-            child.stdin.close()
-        if child.returncode != 0:
-            raise RuntimeError(f"bleep_maps ended with {child.returncode}")
-        with open(out) as file:
-            for line in file:
-                result = json.loads(line)
+                file.write(np.int32(len(samples)).tobytes() + samples.tobytes())
+                progress(stream.__name__.replace("_", " ") + "s", len(abouts), count, begun)
+        for threshold in thresholds:
+            with open(streams, "rb") as file:
+                subprocess.run([tool, model, template, out, str(threshold)], stdin=file,
+                               stdout=subprocess.DEVNULL, check=True)
+            with open(out) as file:
+                results = [json.loads(line) for line in file]
+            for result in results:
                 if result["asked"] > 0:
                     cells = np.unpackbits(np.frombuffer(bytes.fromhex(result["map"]), np.uint8))
                     result["map"] = cells.reshape(result["asked"], -1)
-                results.append(result)
-    return list(zip(abouts, results))
+            found[threshold] = list(zip(abouts, results))
+    return found
 
 
 # ---- Template and weights -----------------------------------------------------------------------
@@ -279,17 +288,15 @@ def make(work, model, out, rate):
         # The sessions need some template to be asked at all; this one never says yes.
         blank = os.path.join(folder, "blank")
         write_template(blank, np.zeros((ROWS, bins), int), -50, np.zeros(bins - LOW))
-        for part, threshold in enumerate(THRESHOLDS):
-            for stream, total in ((prompt_stream, PROMPTS), (word_stream, WORDS),
-                                  (sound_stream, SOUNDS)):
-                seeds = range(part, total, len(THRESHOLDS))
-                for begin, result in sessions(tool, model, blank, rate, stream, sources, seeds,
-                                              threshold):
-                    if result["asked"] > 0 and stream is prompt_stream:
-                        maps.append(result["map"])
-                        begins.append(begin)
-                    elif result["asked"] > 0:
-                        others.append(result["map"])
+        for stream, count in ((prompt_stream, PROMPTS), (word_stream, WORDS),
+                              (sound_stream, SOUNDS)):
+            found = sessions(tool, model, blank, rate, stream, sources, count)
+            for begin, result in sum(found.values(), []):
+                if result["asked"] > 0 and stream is prompt_stream:
+                    maps.append(result["map"])
+                    begins.append(begin)
+                elif result["asked"] > 0:
+                    others.append(result["map"])
     write_template(out, *derive(maps, begins, others))
     print(f"wrote {out}, from {len(maps)} prompts and {len(others)} other sounds", flush=True)
 
@@ -319,25 +326,24 @@ def check(work, model, path):
     rate = export.read_model(model)["front"].rate
     tool, sources = build_tool(work), mix.Sources([work], True)
     template, bias, weights = read_template(path, 128 * rate // 8000)
-    figures, difference = {}, 0.0
-    for threshold in CHECKED:
-        outcomes = collections.Counter()
-        for frames, result in sessions(tool, model, path, rate, command_stream, sources,
-                                       range(COMMANDS), threshold):
-            outcomes[judge(result, *frames)] += 1
-        line = {"right %": 100 * sum(outcomes[o] for o in RIGHT) / COMMANDS}
-        line.update({f"{o} %": 100 * outcomes[o] / COMMANDS for o in OUTCOMES})
-        for name, stream, total in (("words", word_stream, FIRST_WORDS),
-                                    ("sounds", sound_stream, FIRST_WORDS)):
-            asked = [result for _, result in sessions(tool, model, path, rate, stream, sources,
-                                                      range(total), threshold)
-                     if result["asked"] > 0]
+    run = functools.partial(sessions, tool, model, path, rate, sources=sources, thresholds=CHECKED)
+    figures = {threshold: {} for threshold in CHECKED}
+    for name, stream in (("plain", plain_command_stream), ("lively", lively_command_stream)):
+        for threshold, pairs in run(stream=stream, count=COMMANDS).items():
+            outcomes = collections.Counter(judge(result, *frames) for frames, result in pairs)
+            line = figures[threshold]
+            line[f"{name}: right %"] = 100 * sum(outcomes[o] for o in RIGHT) / COMMANDS
+            line.update({f"{name}: {o} %": 100 * outcomes[o] / COMMANDS for o in OUTCOMES})
+    difference = 0.0
+    for name, stream in (("words", word_stream), ("sounds", sound_stream)):
+        for threshold, pairs in run(stream=stream, count=FIRST_WORDS).items():
+            asked = [result for _, result in pairs if result["asked"] > 0]
+            line = figures[threshold]
             line[f"{name} asked"] = len(asked)
             line[f"{name} taken for it %"] = 100 * np.mean([r["score"] > 0.5 for r in asked])
             for result in asked:
                 logit = counts(result["map"], template) @ weights + bias
                 difference = max(difference, abs(1 / (1 + np.exp(-logit)) - result["score"]))
-        figures[threshold] = line
     print(f"library against replica: largest difference of scores {difference:.1e}")
     for name in figures[CHECKED[0]]:
         print(f"{name:>24}" + "".join(f"{figures[t][name]:>9.4g}" for t in CHECKED))
