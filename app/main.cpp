@@ -48,7 +48,8 @@ std::string bundled_model(int rate) {
     const fs::path program = fs::read_symlink("/proc/self/exe", error);
     const char* const name = rate >= kWideRate ? "vad16k.bin" : "vad8k.bin";
     const fs::path installed = program.parent_path() / DNNVAD_MODEL_FROM_BIN / name;
-    return (fs::exists(installed, error) ? installed : fs::path(DNNVAD_SOURCE_MODELS) / name).string();
+    return (fs::exists(installed, error) ? installed : fs::path(DNNVAD_SOURCE_MODELS) / name)
+        .string();
 }
 
 // Takes standard output away from the library, whose diagnostic lines go there, and returns it for

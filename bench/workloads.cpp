@@ -23,11 +23,18 @@ namespace {
 
 using namespace tz_dnnvad;
 
-// Networks of two hidden layers whose input is normalised to about -1 .. 1: 11 frames of 26 channels
-// at 8 kHz, of 40 at 16 kHz.
-std::string model_bytes(int rate) {
+// Networks of two hidden layers whose input, frames of 26 channels at 8 kHz and of 40 at 16 kHz, is
+// normalised to about -1 .. 1.
+struct Shape {
+    const char* name;
+    int frames, first, second;
+};
+constexpr Shape kSmall = {"11 frames-64-64-9", 11, 64, 64};
+constexpr Shape kBundled = {"17 frames-96-64-9", 17, 96, 64};  // that of the bundled models
+
+std::string model_bytes(int rate, const Shape& shape = kSmall) {
     const int channels = rate == 8000 ? 26 : 40;
-    test::Model model = test::random_model({11 * channels, 64, 64, 9});
+    test::Model model = test::random_model({shape.frames * channels, shape.first, shape.second, 9});
     model.header = {channels, rate, 40, rate == 8000 ? 3800 : 7600, 0};
     model.means.assign(static_cast<std::size_t>(channels), 14.0F);
     model.rev_vars.assign(static_cast<std::size_t>(channels), 0.3F);
@@ -76,8 +83,9 @@ std::shared_ptr<float[]> random_vector(int count) {
 // A session that is fed the recording round and round.
 class Stream {
 public:
-    explicit Stream(int rate) : rate_(rate), samples_(recording(rate)) {
-        const test::TempFile model(model_bytes(rate));
+    explicit Stream(int rate, const Shape& shape = kSmall)
+        : rate_(rate), samples_(recording(rate)) {
+        const test::TempFile model(model_bytes(rate, shape));
         const test::TempFile bleep(bleep_template(rate));
         for (const int limit : {1, 2, 3, 5}) {
             session.mfeSetParam(limit, 1e9F);  // no pause or time-out ends a pass early
@@ -177,9 +185,10 @@ Run smoother() {
     return [=] { detector->smooth_detector_one_frame(posteriors.get(), 9, 0); };
 }
 
-Run session(int rate, int frames_at_once) {
-    return
-        [stream = std::make_shared<Stream>(rate), frames_at_once] { stream->run(frames_at_once); };
+Run session(int rate, int frames_at_once, const Shape& shape = kSmall) {
+    return [stream = std::make_shared<Stream>(rate, shape), frames_at_once] {
+        stream->run(frames_at_once);
+    };
 }
 
 Run down_sampler() {
@@ -231,6 +240,10 @@ const std::vector<Workload>& workloads() {
         {"smoother", 1, smoother},
         {"session frame, 8 kHz", kManyFrames, [] { return session(8000, kManyFrames); }},
         {"session frame, 16 kHz", kManyFrames, [] { return session(16000, kManyFrames); }},
+        {"session frame, 8 kHz, 442-96-64-9", kManyFrames,
+         [] { return session(8000, kManyFrames, kBundled); }},
+        {"session frame, 16 kHz, 680-96-64-9", kManyFrames,
+         [] { return session(16000, kManyFrames, kBundled); }},
         {"10 ms chunk, 8 kHz", 1, [] { return session(8000, 1); }},
         {"10 ms chunk, 16 kHz", 1, [] { return session(16000, 1); }},
         {"down-sampler, 10 ms", 1, down_sampler},
@@ -242,12 +255,14 @@ const std::vector<Workload>& workloads() {
 
 std::vector<std::string> memory_report() {
     std::vector<std::string> lines;
-    for (const int rate : {8000, 16000}) {
-        const std::string name = "session, " + std::to_string(rate / 1000) + " kHz: ";
+    const auto report = [&lines](int rate, const Shape& shape) {
+        const std::string name =
+            "session, " + std::to_string(rate / 1000) + " kHz, " + shape.name + ": ";
         recording(rate);
-        Stream(rate).run(1);  // what the process keeps, such as its output buffer, does not count
+        // What the process keeps, such as its output buffer, does not count.
+        Stream(rate, shape).run(1);
         const std::size_t before = heap().bytes;
-        Stream stream(rate);
+        Stream stream(rate, shape);
         lines.push_back(name + std::to_string((heap().bytes - before) / 1000) + " kB");
         constexpr int kFrames = 1000;
         const std::size_t calls = heap().calls;
@@ -258,6 +273,10 @@ std::vector<std::string> memory_report() {
         std::snprintf(number, sizeof number, "%.2f",
                       static_cast<double>(heap().calls - calls) / kFrames);
         lines.push_back(name + number + " allocations per frame");
+    };
+    for (const int rate : {8000, 16000}) {
+        report(rate, kSmall);
+        report(rate, kBundled);
     }
     return lines;
 }

@@ -19,8 +19,8 @@ constexpr const char* kYardstick = "FFT library, 256 points";
 
 const std::vector<Workload>& workloads();
 
-// What one session with a 286-64-64-9 network and a bleep template takes, and what a frame allocates,
-// one line each.
+// What one session with a small network or one like the bundled, and with a bleep template, takes, and
+// what a frame allocates, one line each.
 std::vector<std::string> memory_report();
 
 }  // namespace bench

@@ -97,7 +97,8 @@ int main(int argc, char** argv) {
     const long stream = argc == 5 ? std::strtol(argv[4], nullptr, 10) : pushes;
     std::ofstream out(argv[3], std::ios::binary);
     for (long push = 0; push < pushes; push += stream) {
-        const auto rows = listen(session, samples + push * shift, std::min(stream, pushes - push), shift);
+        const auto rows =
+            listen(session, samples + push * shift, std::min(stream, pushes - push), shift);
         out.write(reinterpret_cast<const char*>(rows.data()),
                   static_cast<std::streamsize>(rows.size() * sizeof(Row)));
     }
