@@ -2,23 +2,28 @@
 import json
 import os
 
+import numpy as np
+
+from train import PASSES
+
 
 def draw(work, rates):
-    """Write work/learning-curve.svg from the logs of the rates (kHz) that have one."""
+    """Write work/learning-curve.svg from the logs of the rates (kHz)."""
     import matplotlib
     matplotlib.use("svg")
     from matplotlib import pyplot
     figure, axes = pyplot.subplots(figsize=(8, 4.5))
     for number, rate in enumerate(rates):
-        path = os.path.join(work, f"train{rate}k-log.json")
-        if not os.path.exists(path):
-            continue
-        with open(path) as file:
-            steps, seen, unseen, _ = zip(*json.load(file))
-        axes.plot(steps, seen, f"C{number}", alpha=0.4, label=f"{rate} kHz, crops drawn")
-        axes.plot(steps, unseen, f"C{number}", label=f"{rate} kHz, unseen crops, averaged weights")
+        begun = 0
+        for settings in PASSES:
+            with open(os.path.join(work, f"train{rate}k-{settings.name}-log.json")) as file:
+                steps, seen, unseen, _ = np.array(json.load(file)).T
+            axes.plot(begun + steps, seen, f"C{number}", alpha=0.4)
+            axes.plot(begun + steps, unseen, f"C{number}",
+                      label=f"{rate} kHz (pale: crops drawn)" if begun == 0 else None)
+            begun += settings.steps
     axes.set(xlabel="step", ylabel="loss", yscale="log",
-             title="Hard places join the crops drawn now and then")
+             title="Loss on unseen crops, averaged weights; the second pass weighs frames otherwise")
     axes.grid(alpha=0.3)
     axes.legend()
     figure.tight_layout()

@@ -10,13 +10,13 @@ that the model forgets nothing. Every fifth recording is kept for measuring the 
 after.
 """
 import argparse
+import dataclasses
 import json
 import os
 import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 HELD_BACK = 5
-RATE = 2e-3  # a quarter of the first training's
 
 
 def own_clips(work, folders):
@@ -89,8 +89,8 @@ def main():
     features.extract(work, "train", front)
     print("before:")
     check.report(work, arguments.model)
-    trained = train.train(work, front, arguments.steps, rate=RATE, start=start,
-                          threads=os.cpu_count())
+    settings = dataclasses.replace(train.PASSES[-1], name="own", steps=arguments.steps)
+    trained = train.train(work, front, settings, start=start, threads=os.cpu_count())
     out = arguments.out or os.path.join(work, os.path.basename(arguments.model))
     export.write_model(out, front, *trained)
     print("after:")

@@ -15,20 +15,22 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 STAGES = ("fetch", "decode", "mix-heldout", "mix", "features", "train", "bleep", "check")
 
 
-def train_one(work, kilohertz, path, steps, start=None, rate=8e-3):
-    """Train one model in this process and write its file, unless both are done."""
+def train_one(work, kilohertz, path):
+    """Train one model in this process and write its file; what is done already is not repeated."""
     import export
     import features
     import train
-    front = start["front"] if start else features.FRONTS[kilohertz]
-    trained = train.train(work, front, steps, rate=rate, start=start)
-    export.write_model(path, front, *trained)
+    front, start = features.FRONTS[kilohertz], None
+    for settings in train.PASSES:
+        trained = train.train(work, front, settings, start=start)
+        export.write_model(path, front, *trained)
+        start = export.read_model(path)
     print(f"wrote {path}", flush=True)
 
 
-def train_all(work, paths, steps):
+def train_all(work, paths):
     """Train the models at the same time, one core each."""
-    jobs = [multiprocessing.Process(target=train_one, args=(work, kilohertz, path, steps))
+    jobs = [multiprocessing.Process(target=train_one, args=(work, kilohertz, path))
             for kilohertz, path in paths.items()]
     for job in jobs:
         job.start()
@@ -48,7 +50,6 @@ def main():
                         help="kHz, which models to make")
     parser.add_argument("--scenes", type=int, default=7000, help="training scenes of 30 s")
     parser.add_argument("--held-out", type=int, default=336, help="scenes for measuring")
-    parser.add_argument("--steps", type=int, default=20000)
     arguments = parser.parse_args()
     stages = arguments.stage or STAGES
     if unknown := set(stages) - set(STAGES):
@@ -76,7 +77,7 @@ def main():
         for rate in paths:
             features.extract(work, "train", features.FRONTS[rate])
     if "train" in stages:
-        train_all(work, paths, arguments.steps)
+        train_all(work, paths)
         import curve
         curve.draw(work, paths)
     if "bleep" in stages:

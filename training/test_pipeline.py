@@ -170,13 +170,14 @@ class Trainer(unittest.TestCase):
                                    network.forward(self.net.layers(), self.x), atol=1e-4)
 
     def test_frames_after_edges_weigh_more(self):
-        marks = np.zeros(100, np.uint8)
-        marks[10:40] = marks[50:60] = 1
-        weights = self.train.frame_weights(marks)
-        self.assertEqual(set(np.flatnonzero(weights == self.train.ONSET_WEIGHT)),
-                         {*range(10, 22), *range(50, 62)})
-        self.assertEqual(set(np.flatnonzero(weights == self.train.TAIL_WEIGHT)),
-                         {*range(45, 50), *range(65, 80)})
+        marks = np.zeros(6000, np.uint8)
+        marks[10:40] = marks[50:60] = marks[4000:4001] = 1
+        weights = self.train.frame_weights(marks, np.array([20, -3]),
+                                           self.train.Pass("", 1, 1, onset=3, tail=5, noisy=2))
+        self.assertEqual(set(np.flatnonzero(weights[:3000] == 3)), {*range(10, 22), *range(50, 62)})
+        self.assertEqual(set(np.flatnonzero(weights[:3000] == 5)), {*range(43, 50), *range(63, 80)})
+        self.assertEqual(set(np.flatnonzero(weights[:3000] == 15)), set())
+        np.testing.assert_array_equal(np.unique(weights[3000:]), [2, 6, 10, 30])
 
 
 def made_up_clips(work):
@@ -264,17 +265,18 @@ class Mixing(unittest.TestCase):
             mix.mix(self.work, "heldout", 14, seed=2)
             for front in (features.NARROW, features.WIDE):
                 features.extract(self.work, "train", front)
-                trained = train.train(self.work, front, 200, batch=4)
+                settings = train.Pass("only", 200, 8e-3, 2, 2, 1)
+                trained = train.train(self.work, front, settings, batch=4)
                 model = os.path.join(self.work, f"{front.rate}.bin")
                 export.write_model(model, front, *trained)
                 figures = check.report(self.work, model)
                 self.assertLess(figures["difference"], 1e-4)
                 self.assertGreater(figures["smallest_posterior"], 1e-5)
                 self.assertGreater(figures["clean"]["auc_shifted"], 0.9)
-                with open(os.path.join(self.work, f"train{front.rate // 1000}k-log.json")) as file:
+                with open(os.path.join(self.work, f"train{front.rate // 1000}k-only-log.json")) as file:
                     self.assertEqual(json.load(file)[-1][0], 200)
                 # A finished training is taken from its checkpoint as it is.
-                again = train.train(self.work, front, 200, batch=4)
+                again = train.train(self.work, front, settings, batch=4)
                 for (w, _), (w_again, _) in zip(trained[2], again[2]):
                     np.testing.assert_array_equal(w, w_again)
 

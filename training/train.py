@@ -8,6 +8,7 @@ import copy
 import json
 import os
 import time
+from dataclasses import dataclass
 
 import numpy as np
 import torch
@@ -27,9 +28,22 @@ SMOOTHING = 0.02
 SPEECH_SHARE = 0.62  # of the crops come from scenes with speech
 HARD_SHARE = 0.5  # of the others come from where the network last took something for speech
 HARD_EVERY = 2500  # steps between searches for such places
-ONSET, ONSET_WEIGHT = 12, 2.0  # frames after an onset, and what they count
-TAIL, TAIL_WEIGHT = (5, 20), 1.5  # frames after the end of speech, and what they count
+ONSET, TAIL = 12, (3, 20)  # frames after an onset and after the end of speech that count more
+NOISY = 8  # dB, signal-to-noise ratio of a scene below which its frames count more
 WORST, WORST_WEIGHT = 8, 0.2  # frames of a speech-free crop that come nearest to speech
+@dataclass(frozen=True)
+class Pass:
+    """One of the passes that make up a training: the second sharpens what the first has learned."""
+
+    name: str
+    steps: int
+    rate: float  # learning rate, falling to 0 as half a cosine
+    onset: float  # what frames after an onset, after an end and in noisy scenes count
+    tail: float
+    noisy: float
+
+
+PASSES = (Pass("first", 20000, 8e-3, 2.0, 1.5, 1.0), Pass("second", 8000, 3e-3, 1.5, 2.5, 1.4))
 AVERAGING = 0.999  # of the weights, over the last steps
 VALIDATION = 60  # last scenes, kept for the learning curve (a quarter of a small set)
 
@@ -99,7 +113,7 @@ class Net(nn.Module):
         """Take over plain sigmoid layers, as layers() gives them."""
         with torch.no_grad():
             for number, (weight, bias) in enumerate(layers):
-                weight, bias = (torch.as_tensor(p).double() for p in (weight, bias))
+                weight, bias = (torch.tensor(p, dtype=torch.float64) for p in (weight, bias))
                 if number < len(layers) - 1:
                     weight, bias = weight / 2, bias / 2
                 if number > 0:
@@ -135,22 +149,22 @@ def loss_of(log_posteriors, marks, weights, free):
     return on_score + 0.15 * on_frame + WORST_WEIGHT * (worst * free).mean()
 
 
-def frame_weights(marks):
-    """What each frame counts in the loss: more just after an onset and after the end of speech."""
-    weights = np.ones(len(marks), np.float32)
+def frame_weights(marks, snrs, settings):
+    """What each frame counts in the loss: marks [scenes * FRAMES], snrs [scenes], a Pass."""
+    weights = np.repeat(np.where(snrs < NOISY, settings.noisy, 1.0), FRAMES).astype(np.float32)
     edges = np.diff(marks.astype(np.int8), prepend=0)
     for onset in np.flatnonzero(edges == 1):
-        weights[onset:onset + ONSET] = ONSET_WEIGHT
+        weights[onset:onset + ONSET] *= settings.onset
     for end in np.flatnonzero(edges == -1):
         tail = slice(end + TAIL[0], end + TAIL[1])
-        weights[tail] = np.where(marks[tail], weights[tail], TAIL_WEIGHT)
+        weights[tail] *= np.where(marks[tail], 1.0, settings.tail)
     return weights
 
 
 class Crops:
     """Random pieces of scenes with their marks."""
 
-    def __init__(self, work, name, front, mean, reverse_variance):
+    def __init__(self, work, name, front, mean, reverse_variance, settings):
         frames = features.load(work, name, front)
         self.context = front.context
         self.frames = torch.empty(len(frames), front.dimension)
@@ -159,10 +173,12 @@ class Crops:
             self.frames[start:start + len(piece)] = torch.from_numpy(piece)
         marks = np.fromfile(os.path.join(work, name + ".marks"), np.uint8)
         with open(os.path.join(work, name + ".json")) as file:
-            # A crowd is speech after all: a search for false starts would find little else.
-            crowd = np.array(["crowd" in about["kinds"] for about in json.load(file)])
+            abouts = json.load(file)
+        # A crowd is speech after all: a search for false starts would find little else.
+        crowd = np.array(["crowd" in about["kinds"] for about in abouts])
+        snrs = np.array([about.get("snr", np.inf) for about in abouts])
         self.marks = torch.from_numpy(marks)
-        self.weights = torch.from_numpy(frame_weights(marks))
+        self.weights = torch.from_numpy(frame_weights(marks, snrs, settings))
         has_speech = marks.reshape(-1, FRAMES).any(axis=1)
         drawn = len(has_speech) - min(VALIDATION, len(has_speech) // 4)
         self.speech_scenes = np.flatnonzero(has_speech[:drawn])
@@ -231,11 +247,12 @@ def whitening(crops, rng):
     return centre.numpy(), matrix.numpy()
 
 
-def train(work, front, steps, batch=20, rate=8e-3, seed=5, name="train", threads=1, start=None):
-    """Train on work/NAME, with checkpoints: (mean, reverse variance, layers).
+def train(work, front, settings, batch=20, seed=5, name="train", threads=1, start=None):
+    """One Pass over work/NAME, with checkpoints: (mean, reverse variance, layers).
 
     start: a model as export.read_model gives it, to continue from.
     """
+    steps = settings.steps
     torch.set_num_threads(threads)
     torch.manual_seed(seed)
     rng = np.random.default_rng(seed)
@@ -243,21 +260,22 @@ def train(work, front, steps, batch=20, rate=8e-3, seed=5, name="train", threads
         mean, reverse_variance = start["mean"], start["reverse_variance"]
     else:
         mean, reverse_variance = features.normalisation(features.load(work, name, front))
-    crops = Crops(work, name, front, mean, reverse_variance)
+    crops = Crops(work, name, front, mean, reverse_variance, settings)
     net = Net(*whitening(crops, rng), front.hidden)
     if start:
         net.start_from(start["layers"])
     average = copy.deepcopy(net)
-    optimiser = torch.optim.AdamW(net.parameters(), rate, weight_decay=1e-2)
+    optimiser = torch.optim.AdamW(net.parameters(), settings.rate, weight_decay=1e-2)
     schedule = torch.optim.lr_scheduler.LambdaLR(
         optimiser, lambda step: min(1, (step + 1) / 200) * 0.5 * (1 + np.cos(np.pi * step / steps)))
-    label = f"train {front.rate // 1000}k"
-    checkpoint, first = os.path.join(work, f"checkpoint{front.rate // 1000}k.pt"), 0
-    settings = [steps, batch, rate, seed, name, len(crops.marks), front, bool(start)]
+    label = f"train {front.rate // 1000}k, {settings.name} pass"
+    place = os.path.join(work, f"{name}{front.rate // 1000}k-{settings.name}")
+    checkpoint, first = place + ".pt", 0
+    made_by = [settings, batch, seed, name, len(crops.marks), front]
     log, running = [], 0.0
     if os.path.exists(checkpoint):
         saved = torch.load(checkpoint)
-        if saved["settings"] == settings:
+        if saved["made_by"] == made_by:
             net.load_state_dict(saved["net"])
             average.load_state_dict(saved["average"])
             optimiser.load_state_dict(saved["optimiser"])
@@ -286,10 +304,10 @@ def train(work, front, steps, batch=20, rate=8e-3, seed=5, name="train", threads
             running = 0.0
             progress(label, step + 1 - first, steps - first, begun,
                      f"loss {log[-1][1]:.4f}, unseen {unseen:.4f}, {len(crops.hard)} hard places")
-            with open(os.path.join(work, f"train{front.rate // 1000}k-log.json"), "w") as file:
+            with open(place + "-log.json", "w") as file:
                 json.dump(log, file)
         if step % 1000 == 999:
-            torch.save({"settings": settings, "net": net.state_dict(), "step": step + 1,
+            torch.save({"made_by": made_by, "net": net.state_dict(), "step": step + 1,
                         "average": average.state_dict(), "optimiser": optimiser.state_dict(),
                         "schedule": schedule.state_dict(), "rng": rng.bit_generator.state,
                         "hard": crops.hard, "log": log}, checkpoint + ".partial")

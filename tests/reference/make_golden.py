@@ -111,12 +111,15 @@ SCENARIOS = {
         issil 0 36; issil 0 37; issil 0 98; issil 0 99; issil 5 5; issil 5 2; set 4 62; set 2 9999; end
         detect; set 4 63; stop; set 4 0; set 2 71; stop; set 2 72; stop; run 80 1600; issil 17 18
         issil 18 19""",
-    # The bundled model on the bundled recordings, with the thresholds nearest to the defaults that no
+    # The bundled models on the bundled recordings, the one for 8 kHz on halved audio too, with the thresholds nearest to the defaults that no
     # score comes near to.
     "bundled_8k": """
         wav ../../samples/roadsigns-8k.wav; {thresholds}init ../../models/vad8k.bin
         run 80 0 40000; states; scores; end; detect""",
     "bundled_16k": """
+        wav ../../samples/stream-16k.wav; set 13 16000; {thresholds}init ../../models/vad16k.bin
+        run 160 0 80000; states; scores; end; detect""",
+    "bundled_halved": """
         wav ../../samples/stream-16k.wav; set 13 16000; {thresholds}init ../../models/vad8k.bin
         run 160 0 80000; states; scores; end; detect""",
 }
