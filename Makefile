@@ -5,7 +5,8 @@
 #   make test               everything: native, sanitizers, 32-bit and 64-bit ARM under the emulator
 #   make bench              time the library, natively and on ARM
 #   make models             train the bundled models anew (downloads 6 GB of recordings)
-#   make quality            measure the models beside other detectors; report in build/quality
+#   make quality            measure the models beside other detectors; report in build/quality (downloads
+#                           the same recordings)
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
 #   make format             format the sources in place
@@ -37,7 +38,7 @@ models:
 	@scripts/setup.sh models
 	@$(PYTHON) training/pipeline.py
 
-# The evaluation set takes minutes to make and is kept.
+# The evaluation set is made once, from the same downloads as the models.
 quality:
 	@scripts/setup.sh quality
 	@[ quality/node_modules/.package-lock.json -nt quality/package-lock.json ] || \

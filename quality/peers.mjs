@@ -166,4 +166,4 @@ async function main([peer, source, target, scene]) {
   fs.renameSync(target + ".part", target);
 }
 
-if (process.argv[1] === fileURLToPath(import.meta.url)) await main(process.argv.slice(2));
+if (process.argv[1] && fs.realpathSync(process.argv[1]) === fileURLToPath(import.meta.url)) await main(process.argv.slice(2));

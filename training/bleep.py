@@ -14,6 +14,7 @@ import functools
 import json
 import os
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -35,13 +36,12 @@ WORK = os.path.join(features.ROOT, "build", "training")
 TAIL = 1.5  # seconds of silence that end a stream: the pause limit is 0.9 s
 PLAIN, LIVELY = ("none", "steady"), ("effects", "machines", "music")  # backgrounds
 PROMPTS, WORDS, SOUNDS = 2000, 4000, 1000  # streams that a template is derived from
-THRESHOLDS = (0.2, 0.15)  # of speech, at which they run; 0.2 is the default
+THRESHOLDS = (0.2, 0.15)  # of speech, at which all streams run; 0.2 is the default
 ON = 0.6  # share of the prompts in which a cell of the template is on
 DECAY = 5e-5  # penalty on squared weights
 FALSE_SHARE = 0.001  # of other sounds that may pass for the prompt: where the bias is set
 
 COMMANDS, FIRST_WORDS = 600, 1500  # streams that measure, of each kind
-CHECKED = (0.2, 0.15)  # thresholds that they run at
 SPEAKING, ENDED = 1, 6  # status codes
 REVERBERATION = 20  # frames for which the prompt may be heard after its end
 OUTCOMES = ("recognised", "no speech", "not recognised", "not asked", "joined", "other")
@@ -141,13 +141,6 @@ def lively_command_stream(rng, sources):
 # ---- Sessions -----------------------------------------------------------------------------------
 
 
-def build_tool(work):
-    tools = features.build_tools(work)
-    subprocess.run(["cmake", "--build", os.path.dirname(tools), "--target", "bleep_maps"],
-                   check=True, stdout=subprocess.DEVNULL)
-    return os.path.join(tools, "bleep_maps")
-
-
 def sessions(tool, model, template, rate, stream, sources, count, thresholds=THRESHOLDS):
     """{threshold: [(what stream() says of itself, what bleep_maps says)]} of `count` streams.
 
@@ -230,28 +223,30 @@ def fit(x, y, decay):
     return found.x[0], found.x[1:]
 
 
-def unseen_logits(x, y, decay, folds=3):
-    """The logit of every stream by a fit that did not see it."""
+def unseen_logits(x, y, streams, decay, folds=3):
+    """The logit of every map by a fit that did not see its stream (at another threshold neither)."""
     out = np.zeros(len(y))
     for fold in range(folds):
-        held = np.arange(len(y)) % folds == fold
+        held = streams % folds == fold
         bias, weights = fit(x[~held], y[~held], decay)
         out[held] = x[held] @ weights + bias
     return out
 
 
-def derive(maps, begins, others):
+def derive(maps, begins, others, streams):
     """(template, bias, weights) from maps of the prompt, where it begins in them, other maps.
 
-    Every stretch of the prompt is tried as the template. A fit that has not seen a stream says how
+    streams: the number of the stream that each map, the prompt's first, comes from. Every stretch of the prompt is tried as the template. A fit that has not seen a stream says how
     well it does there: the share of prompts missed when FALSE_SHARE of the other sounds pass.
     """
     y = np.repeat([True, False], [len(maps), len(others)])
     span = len(prompt.prompt()) * 100 // RATE + 2
     best = None
+    if not maps or not others:
+        sys.exit("bleep: the network does not take the prompt for speech, or nothing else")
     for first, template in candidates(mean_map(maps, begins, span)):
         x = np.array([counts(cells, template) for cells in maps + others]).astype(float)
-        unseen = unseen_logits(x / ROWS, y, DECAY)
+        unseen = unseen_logits(x / ROWS, y, streams, DECAY)
         bound = np.quantile(unseen[~y], 1 - FALSE_SHARE)
         missed = np.mean(unseen[y] <= bound)
         loss = np.mean(np.logaddexp(0, bound - unseen[y]))
@@ -280,10 +275,12 @@ def read_template(path, bins):
 
 
 def make(work, model, out, rate):
-    """Derive the template file `out` for a network from the training voices and sounds."""
-    tool, sources = build_tool(work), mix.Sources([work], False)
+    """Derive the template file `out` for a network, unless it is newer, from training sources."""
+    if os.path.exists(out) and os.path.getmtime(out) > os.path.getmtime(model):
+        return
+    tool, sources = os.path.join(features.build_tools(work), "bleep_maps"), mix.Sources([work], False)
     bins = 128 * rate // 8000
-    maps, begins, others = [], [], []
+    maps, begins, others, asked = [], [], [], {True: [], False: []}
     with tempfile.TemporaryDirectory() as folder:
         # The sessions need some template to be asked at all; this one never says yes.
         blank = os.path.join(folder, "blank")
@@ -291,13 +288,17 @@ def make(work, model, out, rate):
         for stream, count in ((prompt_stream, PROMPTS), (word_stream, WORDS),
                               (sound_stream, SOUNDS)):
             found = sessions(tool, model, blank, rate, stream, sources, count)
-            for begin, result in sum(found.values(), []):
-                if result["asked"] > 0 and stream is prompt_stream:
-                    maps.append(result["map"])
-                    begins.append(begin)
-                elif result["asked"] > 0:
-                    others.append(result["map"])
-    write_template(out, *derive(maps, begins, others))
+            for pairs in found.values():
+                for number, (begin, result) in enumerate(pairs):
+                    if result["asked"] <= 0:
+                        continue
+                    asked[stream is prompt_stream].append(number)
+                    if stream is prompt_stream:
+                        maps.append(result["map"])
+                        begins.append(begin)
+                    else:
+                        others.append(result["map"])
+    write_template(out, *derive(maps, begins, others, np.array(asked[True] + asked[False])))
     print(f"wrote {out}, from {len(maps)} prompts and {len(others)} other sounds", flush=True)
 
 
@@ -324,10 +325,10 @@ def judge(result, prompt_end, command):
 def check(work, model, path):
     """Print how whole sessions fare on voices and sounds held out; returns the figures."""
     rate = export.read_model(model)["front"].rate
-    tool, sources = build_tool(work), mix.Sources([work], True)
+    tool, sources = os.path.join(features.build_tools(work), "bleep_maps"), mix.Sources([work], True)
     template, bias, weights = read_template(path, 128 * rate // 8000)
-    run = functools.partial(sessions, tool, model, path, rate, sources=sources, thresholds=CHECKED)
-    figures = {threshold: {} for threshold in CHECKED}
+    run = functools.partial(sessions, tool, model, path, rate, sources=sources, thresholds=THRESHOLDS)
+    figures = {threshold: {} for threshold in THRESHOLDS}
     for name, stream in (("plain", plain_command_stream), ("lively", lively_command_stream)):
         for threshold, pairs in run(stream=stream, count=COMMANDS).items():
             outcomes = collections.Counter(judge(result, *frames) for frames, result in pairs)
@@ -345,8 +346,8 @@ def check(work, model, path):
                 logit = counts(result["map"], template) @ weights + bias
                 difference = max(difference, abs(1 / (1 + np.exp(-logit)) - result["score"]))
     print(f"library against replica: largest difference of scores {difference:.1e}")
-    for name in figures[CHECKED[0]]:
-        print(f"{name:>24}" + "".join(f"{figures[t][name]:>9.4g}" for t in CHECKED))
+    for name in figures[THRESHOLDS[0]]:
+        print(f"{name:>24}" + "".join(f"{figures[t][name]:>9.4g}" for t in THRESHOLDS))
     return figures
 
 

@@ -88,16 +88,19 @@ def decode_telephone(blobs, kind):
     return out
 
 
-def decode_file(blob):
-    """Samples at RATE of a recording in any format that libsndfile reads: at most LONGEST."""
+def decode_file(blob, longest=LONGEST):
+    """Samples at RATE of a recording in any format that libsndfile reads: its middle `longest` s."""
     with soundfile.SoundFile(io.BytesIO(blob)) as file:
-        if file.frames > LONGEST * file.samplerate:
-            file.seek((file.frames - LONGEST * file.samplerate) // 2)
-        return to_rate(file.read(LONGEST * file.samplerate, dtype="float32"), file.samplerate)
+        most = longest * file.samplerate
+        if file.frames > most:
+            file.seek((file.frames - most) // 2)
+        return to_rate(file.read(most, dtype="float32"), file.samplerate)
 
 
 def decode_package(package, root):
     """[(record, samples)] of one package."""
+    if not os.path.isdir(root):
+        raise FileNotFoundError(f"{package} is not fetched")
     chosen = []
     for path, load in recordings(package, root):
         decision = classify(package, path)

@@ -1,4 +1,6 @@
 """Model files: writing, reading."""
+import io
+import os
 import struct
 
 import numpy as np
@@ -9,11 +11,14 @@ HEADER = b"dnnvad network model\nsilence classes 0-2, speech classes 3-8\nlog me
 
 
 def write_model(path, front, mean, reverse_variance, layers):
-    """One file with the front-end settings, the normalisation and the layers."""
+    """One file with the front-end settings, the normalisation and the layers.
+
+    A file that is there and the same is left alone. Returns whether it was written.
+    """
     sizes = [layers[0][0].shape[1]] + [weights.shape[0] for weights, _ in layers]
     parameters = np.concatenate(
         [np.concatenate([np.ravel(weights), biases]) for weights, biases in layers])
-    with open(path, "wb") as file:
+    with io.BytesIO() as file:
         file.write(HEADER)
         file.write(struct.pack("<5i", len(mean), front.rate, front.low, front.high, 1) + b"\n")
         file.write(b"%d\n" % len(parameters))
@@ -23,6 +28,15 @@ def write_model(path, front, mean, reverse_variance, layers):
             file.writelines(b"%.9g\n" % value for value in np.asarray(vector, np.float32))
         file.write(struct.pack(f"<{len(sizes) + 1}i", len(sizes), *sizes))
         file.write(parameters.astype("<f4").tobytes())
+        content = file.getvalue()
+    if os.path.exists(path):
+        with open(path, "rb") as file:
+            if file.read() == content:
+                return False
+    with open(path + ".partial", "wb") as file:
+        file.write(content)
+    os.replace(path + ".partial", path)
+    return True
 
 
 def read_model(path):

@@ -5,6 +5,7 @@ from dataclasses import dataclass
 
 import numpy as np
 
+
 @dataclass(frozen=True)
 class Front:
     """The front end of one model."""
@@ -25,30 +26,30 @@ class Front:
 NARROW = Front(8000, 26, 40, 3800, 17, (96, 64))
 WIDE = Front(16000, 40, 40, 7600, 17, (96, 64))
 FRONTS = {8: NARROW, 16: WIDE}
+TOOLS = ("extract_features", "session_pcm", "bleep_maps")
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 
 def build_tools(work):
-    """Compile the library and the two tools; quick when nothing changed. Returns their folder."""
+    """Compile the library and the tools; quick when nothing changed. Returns their folder."""
     build = os.path.join(work, "tools")
-    if not os.path.exists(os.path.join(build, "CMakeCache.txt")):
-        subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release",
-                        "-DDNNVAD_BUILD_TRAINING=ON", "-DDNNVAD_BUILD_APP=OFF"],
-                       check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", build, "--target", "extract_features", "session_pcm"],
+    subprocess.run(["cmake", "-S", ROOT, "-B", build, "-DCMAKE_BUILD_TYPE=Release",
+                    "-DDNNVAD_BUILD_TRAINING=ON", "-DDNNVAD_BUILD_APP=OFF"],
                    check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", build, "--target", *TOOLS], check=True,
+                   stdout=subprocess.DEVNULL)
     return os.path.join(build, "training")
 
 
 def extract(work, name, front):
-    """Write work/NAME.f32 (or NAME8.f32) from the samples at the front end's rate; done once."""
+    """Write work/NAME.f32 (or NAME8.f32) from the samples at the front end's rate, unless newer."""
     target = os.path.join(work, name + front.suffix + ".f32")
-    if os.path.exists(target):
+    source = os.path.join(work, name + front.suffix + ".s16")
+    if os.path.exists(target) and os.path.getmtime(target) > os.path.getmtime(source):
         return
     print(f"features {name}, {front.rate} Hz", flush=True)
     subprocess.run([os.path.join(build_tools(work), "extract_features"), str(front.rate),
-                    str(front.low), str(front.high),
-                    os.path.join(work, name + front.suffix + ".s16"), target + ".partial"],
+                    str(front.low), str(front.high), source, target + ".partial"],
                    check=True, stdout=subprocess.DEVNULL)  # the library talks at 16 kHz
     os.rename(target + ".partial", target)
 

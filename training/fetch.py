@@ -24,18 +24,24 @@ def fetch(work, packages=PACKAGES):
         for old in os.listdir(debs):
             if old.startswith(name + "_"):
                 os.remove(os.path.join(debs, old))
-        subprocess.run(["apt-get", "-o", "APT::Sandbox::User=root", "download", "-qq", name],
-                       cwd=debs, check=True)
+        download = ["apt-get", "-o", "APT::Sandbox::User=root", "download", "-qq", name]
+        if subprocess.run(download, cwd=debs).returncode != 0:  # the package lists may be old
+            subprocess.run(["apt-get", "-qq", "update"])
+            subprocess.run(download, cwd=debs, check=True)
         deb = next(f for f in os.listdir(debs) if f.startswith(name + "_"))
         partial = target + ".partial"
         shutil.rmtree(partial, ignore_errors=True)
         os.makedirs(partial)
         archive = subprocess.Popen(["dpkg-deb", "--fsys-tarfile", os.path.join(debs, deb)],
                                    stdout=subprocess.PIPE)
-        subprocess.run(["tar", "-x", "--ignore-case", "--wildcards", "-C", partial, *WANTED],
-                       stdin=archive.stdout, stderr=subprocess.DEVNULL, check=False)
+        # tar complains about each pattern that a package does not match; that is no error.
+        unpacked = subprocess.run(
+            ["tar", "-x", "--ignore-case", "--wildcards", "-C", partial, *WANTED],
+            stdin=archive.stdout, stderr=subprocess.PIPE, text=True, env=dict(os.environ, LC_ALL="C"))
         archive.stdout.close()
-        if archive.wait() != 0:
-            raise RuntimeError(f"{deb} cannot be unpacked")
+        errors = [line for line in unpacked.stderr.splitlines()
+                  if "Not found in archive" not in line and "previous errors" not in line]
+        if archive.wait() != 0 or errors:
+            raise RuntimeError(f"{deb} cannot be unpacked: " + "; ".join(errors[:3]))
         os.rename(partial, target)
         os.remove(os.path.join(debs, deb))

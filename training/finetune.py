@@ -4,10 +4,10 @@
                                  [--out build/finetune/vad8k.bin]
 
 Speech: clean recordings of single speakers, a sub-folder for each speaker, in any format that
-libsndfile reads; a minute per speaker helps, ten are plenty. Noise: what the device hears when nobody
-speaks to it. They make up OWN_SHARE of the clips in the new scenes, the bundled sources the rest, so
-that the model forgets nothing. Every fifth recording is kept for measuring the model before and
-after.
+libsndfile reads; a minute per speaker helps, ten are plenty. Noise: what the device hears when
+nobody speaks to it. Of the voices and of the recorded effects in the new scenes OWN_SHARE are yours,
+the bundled sources make up the rest, so that the model forgets nothing. Every fifth recording is
+kept for measuring the model before and after (its speaker is not: the voices are known).
 """
 import argparse
 import dataclasses
@@ -17,12 +17,22 @@ import sys
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 HELD_BACK = 5
+LONGEST = 1500  # frames of speech without a pause; longer ones are left out
+
+
+def spoken_pieces(samples):
+    """Cut a recording in its pauses of more than 0.3 s, a little of which stays on both sides."""
+    from label import close_gaps, label, runs
+    from mix import MARGIN, SHIFT
+    spoken = runs(close_gaps(label(samples), 30))
+    return [samples[max(0, start - 2 * MARGIN) * SHIFT:(end + 2 * MARGIN) * SHIFT]
+            for start, end in spoken if end - start <= LONGEST]
 
 
 def own_clips(work, folders):
     """Write work/clips.s16 and clips.json with every recording of {"speech": .., "noise": ..}."""
     import soundfile
-    from decode import decode_file
+    from decode import RATE, decode_file
     from mix import OWN
     records, at = [], 0
     with open(os.path.join(work, "clips.s16"), "wb") as out:
@@ -33,17 +43,23 @@ def own_clips(work, folders):
                     path = os.path.join(place, name)
                     try:
                         with open(path, "rb") as file:
-                            samples = decode_file(file.read())
+                            samples = decode_file(file.read(), longest=3600)
                     except soundfile.LibsndfileError as error:
                         print(f"skipped {path}: {error}")
                         continue
-                    samples.tofile(out)
                     inside = os.path.relpath(path, folder)
                     voice = f"{OWN}-{os.path.dirname(inside)}" if kind == "speech" else ""
-                    records.append({"package": f"{OWN}-{kind}", "name": inside, "kind": kind,
-                                    "voice": voice, "held_out": count % HELD_BACK == HELD_BACK - 1,
-                                    "start": at, "length": len(samples)})
-                    at += len(samples)
+                    # A scene of 30 s must be able to hold a clip.
+                    pieces = spoken_pieces(samples) if kind == "speech" else [samples]
+                    for piece in pieces:
+                        if len(piece) < RATE // 20:
+                            continue
+                        piece.tofile(out)
+                        records.append({"package": f"{OWN}-{kind}", "name": inside, "kind": kind,
+                                        "voice": voice,
+                                        "held_out": count % HELD_BACK == HELD_BACK - 1,
+                                        "start": at, "length": len(piece)})
+                        at += len(piece)
                     count += 1
             if count < HELD_BACK:
                 sys.exit(f"{folder}: {count} recordings, at least {HELD_BACK} are needed")
@@ -67,6 +83,7 @@ def main():
     arguments = parser.parse_args()
     os.environ.setdefault("OPENBLAS_NUM_THREADS", str(os.cpu_count()))
     work, bundled = arguments.work, arguments.bundled
+    out = arguments.out or os.path.join(work, os.path.basename(arguments.model))
     if os.path.exists(os.path.join(work, "clips.json")):
         sys.exit(f"{work} holds an earlier run: move it away or give another --work")
     os.makedirs(work, exist_ok=True)
@@ -79,10 +96,11 @@ def main():
     import fetch
     import mix
     import train
-    own_clips(work, {"speech": arguments.speech, "noise": arguments.noise})
+    start = export.read_model(arguments.model)
+    os.makedirs(os.path.dirname(os.path.abspath(out)), exist_ok=True)
     fetch.fetch(bundled)
     decode.decode(bundled)
-    start = export.read_model(arguments.model)
+    own_clips(work, {"speech": arguments.speech, "noise": arguments.noise})
     front = start["front"]
     mix.mix(work, "train", arguments.scenes, seed=11, works=(bundled, work))
     mix.mix(work, "heldout", 112, seed=12, works=(bundled, work))
@@ -91,7 +109,6 @@ def main():
     check.report(work, arguments.model)
     settings = dataclasses.replace(train.PASSES[-1], name="own", steps=arguments.steps)
     trained = train.train(work, front, settings, start=start, threads=os.cpu_count())
-    out = arguments.out or os.path.join(work, os.path.basename(arguments.model))
     export.write_model(out, front, *trained)
     print("after:")
     check.report(work, out)

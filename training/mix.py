@@ -18,7 +18,7 @@ from decode import load_clips
 from label import label, runs
 from progress import progress
 
-RATE, NARROW = 16000, 8000
+RATE = 16000
 SHIFT = RATE // 100
 SCENE = 30  # seconds
 FRAMES = 100 * SCENE
@@ -346,5 +346,7 @@ def mix(work, name, scenes, seed, works=()):
             marks.astype(np.uint8).tofile(truth)
             abouts.append(about)
             progress(f"mix {name}", len(abouts), scenes, begun)
-    with open(listing, "w") as file:
+    Job.sources = None
+    with open(listing + ".partial", "w") as file:
         json.dump(abouts, file)
+    os.replace(listing + ".partial", listing)

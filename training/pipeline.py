@@ -23,9 +23,9 @@ def train_one(work, kilohertz, path):
     front, start = features.FRONTS[kilohertz], None
     for settings in train.PASSES:
         trained = train.train(work, front, settings, start=start)
-        export.write_model(path, front, *trained)
-        start = export.read_model(path)
-    print(f"wrote {path}", flush=True)
+        start = dict(zip(("mean", "reverse_variance", "layers"), trained))
+    if export.write_model(path, front, *trained):
+        print(f"wrote {path}", flush=True)
 
 
 def train_all(work, paths):
@@ -58,6 +58,7 @@ def main():
     os.environ.setdefault("OPENBLAS_NUM_THREADS", "1")
     work = arguments.work
     os.makedirs(work, exist_ok=True)
+    os.makedirs(arguments.models, exist_ok=True)
     paths = {rate: os.path.join(arguments.models, f"vad{rate}k.bin") for rate in arguments.rates}
 
     if "fetch" in stages:

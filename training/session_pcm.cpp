@@ -95,6 +95,10 @@ int main(int argc, char** argv) {
     const auto* samples = reinterpret_cast<const std::int16_t*>(bytes.data());
     const long pushes = static_cast<long>(bytes.size() / 2) / shift;
     const long stream = argc == 5 ? std::strtol(argv[4], nullptr, 10) : pushes;
+    if (stream < 1) {
+        std::fprintf(stderr, "session_pcm: no 10 ms of samples, or no FRAMES above 0\n");
+        return 2;
+    }
     std::ofstream out(argv[3], std::ios::binary);
     for (long push = 0; push < pushes; push += stream) {
         const auto rows =

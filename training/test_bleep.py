@@ -70,7 +70,7 @@ class Templates(unittest.TestCase):
         def others(count):
             return list((rng.random((count, 100, 128)) < 0.2).astype(np.uint8))
 
-        template, bias, weights = bleep.derive(*prompts(80), others(160))
+        template, bias, weights = bleep.derive(*prompts(80), others(160), np.arange(240))
         self.assertEqual(template.shape, (bleep.ROWS, 128))
         self.assertFalse(template[:, :bleep.LOW - 1].any())
         unheard, begins = prompts(40)

@@ -5,6 +5,7 @@ The score is a geometric mean over the six speech classes of each one's best 30 
 Nothing tells a class when to peak; the loss on the score alone brings that about.
 """
 import copy
+import hashlib
 import json
 import os
 import time
@@ -31,9 +32,10 @@ HARD_EVERY = 2500  # steps between searches for such places
 ONSET, TAIL = 12, (3, 20)  # frames after an onset and after the end of speech that count more
 NOISY = 8  # dB, signal-to-noise ratio of a scene below which its frames count more
 WORST, WORST_WEIGHT = 8, 0.2  # frames of a speech-free crop that come nearest to speech
+
 @dataclass(frozen=True)
 class Pass:
-    """One of the passes that make up a training: the second sharpens what the first has learned."""
+    """One of the passes that make up a training: later ones sharpen what the first has learned."""
 
     name: str
     steps: int
@@ -41,9 +43,11 @@ class Pass:
     onset: float  # what frames after an onset, after an end and in noisy scenes count
     tail: float
     noisy: float
+    tones: float = 1.0  # how much more often speech-free scenes with tones are drawn
 
 
-PASSES = (Pass("first", 20000, 8e-3, 2.0, 1.5, 1.0), Pass("second", 8000, 3e-3, 1.5, 2.5, 1.4))
+PASSES = (Pass("first", 20000, 8e-3, 2.0, 1.5, 1.0), Pass("second", 8000, 3e-3, 1.5, 2.5, 1.4),
+          Pass("third", 3000, 2e-3, 1.5, 2.5, 1.5, 4.0))
 AVERAGING = 0.999  # of the weights, over the last steps
 VALIDATION = 60  # last scenes, kept for the learning curve (a quarter of a small set)
 
@@ -184,6 +188,9 @@ class Crops:
         self.speech_scenes = np.flatnonzero(has_speech[:drawn])
         self.other_scenes = np.flatnonzero(~has_speech[:drawn])
         self.validation_scenes = np.arange(drawn, len(has_speech))
+        # What each scene weighs when one without speech is drawn.
+        self.share = np.array([settings.tones if "tones" in about["kinds"] else 1.0
+                               for about in abouts])
         self.free = torch.from_numpy(~has_speech & ~crowd).float()
         self.searched_scenes = np.flatnonzero(~has_speech[:drawn] & ~crowd[:drawn])
         self.hard = np.zeros((0, 2))  # (first frame of a crop, weight)
@@ -205,8 +212,9 @@ class Crops:
 
     def draw(self, rng, batch):
         share = rng.random(batch)
+        others = self.share[self.other_scenes]
         scenes = np.where(share < SPEECH_SHARE, rng.choice(self.speech_scenes, batch),
-                          rng.choice(self.other_scenes, batch))
+                          rng.choice(self.other_scenes, batch, p=others / others.sum()))
         starts = scenes * FRAMES + rng.integers(0, self.room, batch)
         if len(self.hard):
             chosen = self.hard[rng.choice(len(self.hard), batch, p=self.hard_share), 0]
@@ -228,13 +236,23 @@ class Crops:
                 index = first + torch.arange(FRAMES - 2)[None]
                 near = log_score(net(self.stacked(index)))[0] > np.log(0.7 * network.THRESHOLD)
                 blocks = near[:len(near) // 128 * 128].reshape(-1, 128).sum(dim=1).numpy()
-                places += [(first + min(block * 128, self.room - 1), np.sqrt(blocks[block]))
+                places += [(first + min(block * 128, self.room - 1),
+                            self.share[scene] * np.sqrt(blocks[block]))
                            for block in np.flatnonzero(blocks)]
         self.use_hard(np.array(places).reshape(-1, 2))
 
     def use_hard(self, places):
         self.hard = places
         self.hard_share = places[:, 1] / places[:, 1].sum() if len(places) else None
+
+
+def digest(arrays):
+    """What tells one list of arrays, or of tuples of them, from another."""
+    state = hashlib.sha256()
+    for array in arrays:
+        for part in array if isinstance(array, tuple) else (array,):
+            state.update(np.ascontiguousarray(part))
+    return state.hexdigest()
 
 
 def whitening(crops, rng):
@@ -271,7 +289,8 @@ def train(work, front, settings, batch=20, seed=5, name="train", threads=1, star
     label = f"train {front.rate // 1000}k, {settings.name} pass"
     place = os.path.join(work, f"{name}{front.rate // 1000}k-{settings.name}")
     checkpoint, first = place + ".pt", 0
-    made_by = [settings, batch, seed, name, len(crops.marks), front]
+    made_by = [settings, batch, seed, front, digest(start["layers"]) if start else "",
+               digest([crops.marks.numpy(), mean])]
     log, running = [], 0.0
     if os.path.exists(checkpoint):
         saved = torch.load(checkpoint)
@@ -306,7 +325,7 @@ def train(work, front, settings, batch=20, seed=5, name="train", threads=1, star
                      f"loss {log[-1][1]:.4f}, unseen {unseen:.4f}, {len(crops.hard)} hard places")
             with open(place + "-log.json", "w") as file:
                 json.dump(log, file)
-        if step % 1000 == 999:
+        if step % 1000 == 999 or step + 1 == steps:
             torch.save({"made_by": made_by, "net": net.state_dict(), "step": step + 1,
                         "average": average.state_dict(), "optimiser": optimiser.state_dict(),
                         "schedule": schedule.state_dict(), "rng": rng.bit_generator.state,
