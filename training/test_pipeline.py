@@ -281,5 +281,47 @@ class Mixing(unittest.TestCase):
                     np.testing.assert_array_equal(w, w_again)
 
 
+@unittest.skipIf(missing("scipy", "soundfile"), "needs scipy and soundfile")
+class OwnRecordings(unittest.TestCase):
+    def test_a_users_folders_become_clips_that_scenes_can_hold(self):
+        import finetune
+        import mix
+        import soundfile
+        from decode import load_clips
+        rng = np.random.default_rng(9)
+        with tempfile.TemporaryDirectory() as folder:
+            def path(*parts):
+                os.makedirs(os.path.join(folder, *parts[:-1]), exist_ok=True)
+                return os.path.join(folder, *parts)
+            long = 20 * rng.standard_normal(40 * 8000)  # 40 s at 8 kHz with words of 0.8 s
+            for second in range(1, 40, 2):
+                word = vowel(rng, 0.8)[::2]
+                long[second * 8000:second * 8000 + len(word)] += word
+            soundfile.write(path("speech", "ann", "long.wav"), long / 32768, 8000)
+            for number in range(5):
+                both = np.repeat(vowel(rng, 0.5)[:, None] / 32768, 2, axis=1)
+                soundfile.write(path("speech", f"top{number}.flac"), both, 16000)
+                soundfile.write(path("noise", f"{number}.wav"), rng.uniform(-0.1, 0.1, 9000), 44100)
+            soundfile.write(path("noise", "empty.wav"), np.zeros(0), 16000)
+            with open(path("noise", "notes.txt"), "w") as file:
+                file.write("no recording")
+            work = os.path.join(folder, "work")
+            os.mkdir(work)
+            finetune.own_clips(work, {"speech": os.path.join(folder, "speech"),
+                                      "noise": os.path.join(folder, "noise")})
+            clips, samples = load_clips(work)
+            self.assertEqual(sum(clip["length"] for clip in clips), len(samples))
+            self.assertTrue(all(800 <= clip["length"] < 30 * 16000 for clip in clips))
+            voices = [clip["voice"] for clip in clips if clip["kind"] == "speech"]
+            self.assertEqual((voices.count("own-ann"), voices.count("own-")), (20, 5))
+            self.assertEqual(sum(clip["kind"] == "noise" for clip in clips), 5)
+            self.assertTrue(any(clip["held_out"] for clip in clips))
+            others = os.path.dirname(path("others", "clips.s16"))
+            made_up_clips(others)
+            sources = mix.Sources([others, work], False)
+            own = [group[0]["voice"].startswith("own") for group in sources.voices.groups]
+            np.testing.assert_allclose(sources.voices.share[own].sum(), mix.OWN_SHARE)
+
+
 if __name__ == "__main__":
     unittest.main()
