@@ -22,8 +22,8 @@ import metrics
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
 FRAMES = 3000  # of a scene of 30 s
-SNR = ("clean", "20", "10", "5", "0", "-5")  # groups that "all" stands for
-SPOKEN = SNR + ("quiet",)
+SNR = ("clean", "20", "10", "5", "0")  # groups that "all" stands for
+SPOKEN = SNR + ("-5", "quiet")
 FREE = ("effects", "machines", "music", "crowd", "tones", "steady")
 OUTPUTS = 12  # floats per frame from session_pcm: 9 posteriors, score, frame state, status
 # name in the report, name for peers.mjs, threshold

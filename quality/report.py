@@ -37,7 +37,7 @@ def legend(axes):
 # Pictures: each function draws into `axes`; its docstring is the caption.
 
 def draw_roc(axes, results, modes):
-    """Speech frames found against other frames taken for speech, scenes with speech (clean to -5
+    """Speech frames found against other frames taken for speech, scenes with speech (clean to 0
     dB). Large marks: the thresholds of the table; crosses: the four modes of WebRTC."""
     for result in results:
         colour, marker = LOOKS[result["name"]]
@@ -220,7 +220,7 @@ def tables(results):
     def overall(title, figure, form):
         return row(title, lambda result: form(result["all"][figure]))
 
-    made = [("Side by side", "Scenes with speech: clean to \N{MINUS SIGN}5 dB together.", names, [
+    made = [("Side by side", "Scenes with speech: clean to 0 dB together.", names, [
         row("threshold", lambda result: result["decision"]),
         row("AUC of the frames", lambda result: DASH if result["name"].startswith("WebRTC")
             else area(result["all"]["auc"])),
@@ -301,7 +301,7 @@ def paragraphs(about):
     free_scenes = sum(n for g, n in about["scenes"].items() if g in SOUNDS)
     data = [
         f"{about['hours']:.1f} hours in scenes of 30 s: {speech_scenes} with speech "
-        f"({', '.join(spoken)}; {about['utterances']} utterances from clean to \N{MINUS SIGN}5 dB) "
+        f"({', '.join(spoken)}; {about['utterances']} utterances from clean to 0 dB) "
         f"and {free_scenes} without ("
         + ", ".join(f"{SOUNDS[g]} {about['scenes'][g]}" for g in SOUNDS if g in about["scenes"])
         + "). Every detector starts each scene afresh.",
