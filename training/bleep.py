@@ -224,7 +224,7 @@ def fit(x, y, decay):
 
 
 def unseen_logits(x, y, streams, decay, folds=3):
-    """The logit of every map by a fit that did not see its stream (at another threshold neither)."""
+    """The logit of every map by a fit that did not see its stream, at no threshold."""
     out = np.zeros(len(y))
     for fold in range(folds):
         held = streams % folds == fold
@@ -236,7 +236,8 @@ def unseen_logits(x, y, streams, decay, folds=3):
 def derive(maps, begins, others, streams):
     """(template, bias, weights) from maps of the prompt, where it begins in them, other maps.
 
-    streams: the number of the stream that each map, the prompt's first, comes from. Every stretch of the prompt is tried as the template. A fit that has not seen a stream says how
+    streams: the number of the stream that each map, the prompt's first, comes from. Every stretch of
+    the prompt is tried as the template. A fit that has not seen a stream says how
     well it does there: the share of prompts missed when FALSE_SHARE of the other sounds pass.
     """
     y = np.repeat([True, False], [len(maps), len(others)])
@@ -278,7 +279,8 @@ def make(work, model, out, rate):
     """Derive the template file `out` for a network, unless it is newer, from training sources."""
     if os.path.exists(out) and os.path.getmtime(out) > os.path.getmtime(model):
         return
-    tool, sources = os.path.join(features.build_tools(work), "bleep_maps"), mix.Sources([work], False)
+    tool = os.path.join(features.build_tools(work), "bleep_maps")
+    sources = mix.Sources([work], False)
     bins = 128 * rate // 8000
     maps, begins, others, asked = [], [], [], {True: [], False: []}
     with tempfile.TemporaryDirectory() as folder:
@@ -325,9 +327,10 @@ def judge(result, prompt_end, command):
 def check(work, model, path):
     """Print how whole sessions fare on voices and sounds held out; returns the figures."""
     rate = export.read_model(model)["front"].rate
-    tool, sources = os.path.join(features.build_tools(work), "bleep_maps"), mix.Sources([work], True)
+    tool = os.path.join(features.build_tools(work), "bleep_maps")
+    sources = mix.Sources([work], True)
     template, bias, weights = read_template(path, 128 * rate // 8000)
-    run = functools.partial(sessions, tool, model, path, rate, sources=sources, thresholds=THRESHOLDS)
+    run = functools.partial(sessions, tool, model, path, rate, sources=sources)
     figures = {threshold: {} for threshold in THRESHOLDS}
     for name, stream in (("plain", plain_command_stream), ("lively", lively_command_stream)):
         for threshold, pairs in run(stream=stream, count=COMMANDS).items():

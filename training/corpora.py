@@ -103,7 +103,8 @@ RULES = [
     Rule(r"hedgewars-data", r"/voices/(\w+)/", "speech", "hedgewars-{0}"),
     Rule(r"hedgewars-data", r"/Music/(olympics_sd|sdmusic|hell|pirate)\.ogg$", "skip"),
     Rule(r"hedgewars-data", r"/Music/", "music"),
-    Rule(r"hedgewars-data", r"/Sounds/(?!hell|Hell|Yoohoo|beewater|lowgravity|hogchant|Kiss|custom)\w*\.ogg$", "noise"),
+    Rule(r"hedgewars-data", r"/Sounds/(?!hell|Hell|Yoohoo|beewater|lowgravity|hogchant|Kiss"
+         r"|custom)\w*\.ogg$", "noise"),
     # Rally co-drivers and a spoken tutorial inside packages that are otherwise effects.
     Rule(r"trigger-rally-data", r"/codriver/(\w+)/", "speech", "rally-{0}"),
     Rule(r"trigger-rally-data", r"/sounds/\w+\.wav$", "noise"),
@@ -128,7 +129,8 @@ RULES = [
     Rule(r"colobot-common-sounds", r"/sounds/", "noise", held_out=True),
     Rule(r"colobot-common-sounds", r"/music/", "music", held_out=True),
     Rule(r"oxygen-sounds", r"", "noise"),
-    Rule(r"freedroidrpg-data", r"/effects/(bullets|item_sounds)/|/effects/(?!Influencer|Thou|tux|Shop_|No_Ammo)"
+    Rule(r"freedroidrpg-data", r"/effects/(bullets|item_sounds)/|/effects/(?!Influencer|Thou|tux"
+         r"|Shop_|No_Ammo)"
          r"[^/]*\.ogg$", "noise"),
     # Engines: all of one driving game is held out.
     Rule(r"torcs-data", r"/sound/", "noise", "machines", held_out=True),
@@ -140,7 +142,8 @@ RULES = [
     Rule(r"supertuxkart-data", r"/music/|/tracks/", "music"),
     Rule(r"megaglest-data", r"/music/", "music"),
     Rule(r"megaglest-data", r"good_morning", "skip"),
-    Rule(r"megaglest-data", r"/tilesets/|/water_sounds/|/menu/sound/|/commondata/sounds/(arrow|anvil"
+    Rule(r"megaglest-data", r"/tilesets/|/water_sounds/|/menu/sound/|/commondata/sounds/(arrow"
+         r"|anvil"
          r"|catapult_|air_|tower_|golem_walk|horseman_walk|tech_|worker_harvest|worker_mine|orni"
          r"|defense)", "noise"),
     Rule(r"0ad-data", r"/audio/music/", "music"),

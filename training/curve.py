@@ -23,7 +23,7 @@ def draw(work, rates):
                       label=f"{rate} kHz (pale: crops drawn)" if begun == 0 else None)
             begun += settings.steps
     axes.set(xlabel="step", ylabel="loss", yscale="log",
-             title="Loss on unseen crops, averaged weights; the second pass weighs frames otherwise")
+             title="Loss on unseen crops, averaged weights; each pass weighs frames otherwise")
     axes.grid(alpha=0.3)
     axes.legend()
     figure.tight_layout()

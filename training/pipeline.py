@@ -2,9 +2,9 @@
 
     python3 training/pipeline.py [--work build/training] [--models models] [stage ...]
 
-Stages in order: fetch decode mix-heldout mix features train bleep check. Without a name all of them run; what an
-earlier run finished is kept (delete its file in the work folder to make it again), and an
-interrupted training goes on from its last checkpoint.
+Stages in order: fetch decode mix-heldout mix features train bleep check. Without a name all of them
+run; what an earlier run finished is kept (delete its file in the work folder to make it again), and
+an interrupted training goes on from its last checkpoint.
 """
 import argparse
 import multiprocessing
