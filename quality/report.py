@@ -39,34 +39,29 @@ def legend(axes):
 def draw_roc(axes, results, modes):
     """Speech frames found against other frames taken for speech, scenes with speech (clean to 0
     dB). Large marks: the thresholds of the table; crosses: the four modes of WebRTC."""
-    for result in results:
-        colour, marker = LOOKS[result["name"]]
-        overall = result["all"]
-        if not result["name"].startswith("WebRTC"):
-            alarm, hit, _ = result["curve"]
-            axes.plot(alarm, hit, color=colour)
-        axes.plot(overall["alarm_rate"], 1 - overall["miss_rate"], marker, color=colour,
-                  markersize=7, label=result["name"])
-    axes.plot([m["alarm_rate"] for m in modes], [1 - m["miss_rate"] for m in modes], "x:",
-              color=MODES, linewidth=1, zorder=0)
+    trade_off(axes, results, modes, lambda alarm, hit, precision: (alarm, hit))
     axes.set(xlim=(0, 1), ylim=(0.3, 1.005), xlabel="false alarm rate", ylabel="hit rate")
     legend(axes)
 
 
 def draw_precision(axes, results, modes):
     """Precision against recall of the speech frames, same scenes and marks."""
-    for result in results:
-        colour, marker = LOOKS[result["name"]]
-        overall = result["all"]
-        if not result["name"].startswith("WebRTC"):
-            _, hit, precision = result["curve"]
-            axes.plot(hit, precision, color=colour)
-        axes.plot(1 - overall["miss_rate"], overall["precision"], marker, color=colour,
-                  markersize=7, label=result["name"])
-    axes.plot([1 - m["miss_rate"] for m in modes], [m["precision"] for m in modes], "x:",
-              color=MODES, linewidth=1, zorder=0)
+    trade_off(axes, results, modes, lambda alarm, hit, precision: (hit, precision))
     axes.set(xlim=(0.3, 1.005), ylim=(0.3, 1.005), xlabel="recall", ylabel="precision")
     legend(axes)
+
+
+def trade_off(axes, results, modes, place):
+    """Curves and marks of the detectors at place(alarm rate, hit rate, precision) = (x, y)."""
+    def mark(rates):
+        return place(rates["alarm_rate"], 1 - rates["miss_rate"], rates["precision"])
+
+    for result in results:
+        colour, marker = LOOKS[result["name"]]
+        if not result["name"].startswith("WebRTC"):
+            axes.plot(*place(*result["curve"]), color=colour)
+        axes.plot(*mark(result["all"]), marker, color=colour, markersize=7, label=result["name"])
+    axes.plot(*zip(*map(mark, modes)), "x:", color=MODES, linewidth=1, zorder=0)
 
 
 def by_noise(axes, results, figure, label):

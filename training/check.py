@@ -12,9 +12,8 @@ import features  # noqa: E402
 import metrics  # noqa: E402
 import network  # noqa: E402
 from export import read_model  # noqa: E402
-from mix import FRAMES  # noqa: E402
+from mix import BEDS, FRAMES  # noqa: E402
 
-SPEECH_FREE = ("steady", "effects", "machines", "music", "crowd", "tones")
 APART = ("-5", "quiet")  # groups that "all" leaves out: the table has rows for them
 
 
@@ -60,7 +59,7 @@ def report(work, model, name="heldout"):
     print(f"library against trainer: largest posterior difference {result['difference']:.1e}, "
           f"smallest posterior {result['smallest_posterior']:.1e}")
     groups = np.array([about["group"] for about in abouts])
-    with_speech = [group for group in dict.fromkeys(groups) if group not in SPEECH_FREE]
+    with_speech = [group for group in dict.fromkeys(groups) if group not in BEDS]
     rows = {group: groups == group for group in with_speech}
     rows["all"] = np.isin(groups, with_speech) & ~np.isin(groups, APART)
     for row, where in rows.items():
@@ -75,7 +74,7 @@ def report(work, model, name="heldout"):
         result[row] = line
         print(f"{row:>9}  " + "  ".join(f"{k} {v:.4g}" for k, v in line.items()))
     begins = {}
-    for group in SPEECH_FREE:
+    for group in BEDS:
         where = groups == group
         begins[group] = [metrics.status_begins(status) for status in statuses[where]]
         result[group] = {"false_starts_per_hour": 360000 / FRAMES * float(np.mean(begins[group])),

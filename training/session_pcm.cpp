@@ -21,7 +21,6 @@
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
-#include "dnnvad/vad_nn.h"
 #include "dnnvad/windows_detect.h"
 
 using namespace tz_dnnvad;
@@ -72,15 +71,6 @@ int main(int argc, char** argv) {
         return 2;
     }
     CMFE session;
-    // The rate must be known before the rings are made, and the model says it.
-    {
-        VadConfiger settings;
-        DNN network(&settings, argv[1]);
-        if (network.getState() != 2) {
-            return 1;
-        }
-        session.mfeSetParam(13, network._feat_dim == 40 ? 16000 : 8000);
-    }
     for (const int id : {1, 5, 14}) {
         session.mfeSetParam(id, kNoLimit);
     }

@@ -191,6 +191,8 @@ class Crops:
         # What each scene weighs when one without speech is drawn.
         self.share = np.array([settings.tones if "tones" in about["kinds"] else 1.0
                                for about in abouts])
+        others = self.share[self.other_scenes]
+        self.other_share = others / others.sum()
         self.free = torch.from_numpy(~has_speech & ~crowd).float()
         self.searched_scenes = np.flatnonzero(~has_speech[:drawn] & ~crowd[:drawn])
         self.hard = np.zeros((0, 2))  # (first frame of a crop, weight)
@@ -212,9 +214,8 @@ class Crops:
 
     def draw(self, rng, batch):
         share = rng.random(batch)
-        others = self.share[self.other_scenes]
         scenes = np.where(share < SPEECH_SHARE, rng.choice(self.speech_scenes, batch),
-                          rng.choice(self.other_scenes, batch, p=others / others.sum()))
+                          rng.choice(self.other_scenes, batch, p=self.other_share))
         starts = scenes * FRAMES + rng.integers(0, self.room, batch)
         if len(self.hard):
             chosen = self.hard[rng.choice(len(self.hard), batch, p=self.hard_share), 0]
