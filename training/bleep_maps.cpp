@@ -13,6 +13,7 @@
 //     score     its answer
 //     map       its map of cells near the maximum, asked x F cells as hexadecimal digits, four a
 //               digit, the first cell in the highest bit
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -40,7 +41,7 @@ void print_map(const char* cells, int count, std::FILE* out) {
 }
 
 void listen(CMFE& session, const std::vector<std::int16_t>& samples, std::FILE* out) {
-    const std::size_t shift = session._m_n_frame_shift;
+    const auto shift = static_cast<std::size_t>(session._m_n_frame_shift);
     int status = 0, asked = -1;
     float score = 0.0F;
     std::vector<char> map;
@@ -103,7 +104,7 @@ int main(int argc, char** argv) {
     }
     std::int32_t count = 0;
     while (std::fread(&count, sizeof count, 1, stdin) == 1) {
-        std::vector<std::int16_t> samples(count < 0 ? 0 : count);
+        std::vector<std::int16_t> samples(static_cast<std::size_t>(std::max(count, 0)));
         if (std::fread(samples.data(), sizeof samples[0], samples.size(), stdin) !=
             samples.size()) {
             return 1;

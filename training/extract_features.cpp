@@ -39,8 +39,10 @@ int main(int argc, char** argv) {
     if (head.getState() != 2) {
         return 1;
     }
-    std::vector<std::int16_t> window(length), fresh(shift);
-    std::vector<float> frame(length);
+    std::vector<std::int16_t> window(static_cast<std::size_t>(length));
+    std::vector<std::int16_t> fresh(static_cast<std::size_t>(shift));
+    std::vector<float> frame(window.size());
+    const auto features = static_cast<std::size_t>(channels);
     std::size_t got = std::fread(window.data(), sizeof window[0], window.size(), in.get());
     for (int number = 0; got >= (number == 0 ? window.size() : fresh.size()); ++number) {
         if (number != 0) {
@@ -49,8 +51,7 @@ int main(int argc, char** argv) {
         }
         frame.assign(window.begin(), window.end());
         head.translate(frame.data(), length, number);
-        if (std::fwrite(head.dstFeature, sizeof(float), channels, out.get()) !=
-            static_cast<std::size_t>(channels)) {
+        if (std::fwrite(head.dstFeature, sizeof(float), features, out.get()) != features) {
             std::perror("extract_features");
             return 1;
         }

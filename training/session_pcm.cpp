@@ -36,7 +36,7 @@ using Row = std::array<float, kClasses + 3>;
 float score(const WindowsDetector& smoother) {
     float sum = 1.0F;
     for (int i = kFirstSpeech; i < kClasses; ++i) {
-        sum += std::log(smoother._maxima[i]);
+        sum += std::log(smoother._maxima[static_cast<std::size_t>(i)]);
     }
     return std::exp(sum / (kClasses - kFirstSpeech));
 }
@@ -59,7 +59,7 @@ std::vector<Row> listen(CMFE& session, const std::int16_t* samples, long pushes,
         row[kClasses + 2] = static_cast<float>(status);
         rows.push_back(row);
     }
-    rows.resize(pushes, rows.empty() ? Row{} : rows.back());
+    rows.resize(static_cast<std::size_t>(pushes), rows.empty() ? Row{} : rows.back());
     return rows;
 }
 
