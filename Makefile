@@ -23,7 +23,7 @@ PYTHON := /usr/bin/python3
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
-	    echo "$$recording"; build/dist/app/dnnvad "$$recording" || exit 1; \
+	    echo "$$recording"; build/dist/app/dnnvad detect "$$recording" || exit 1; \
 	done
 
 test:

@@ -1,0 +1,39 @@
+// Utterances as WAV files, sample for sample what the library hands out.
+#ifndef DNNVAD_APP_CUTTER_H
+#define DNNVAD_APP_CUTTER_H
+
+#include <memory>
+#include <string>
+
+#include "audio_input.h"
+#include "listener.h"
+#include "session_options.h"
+
+struct CutOptions {
+    std::string folder;
+    std::string margin;  // frames or a time, as --set takes them; empty: as the session is set
+};
+
+// Adds --cut and --margin to a command.
+void add_cut_options(CLI::App& command, CutOptions& options);
+
+// Turns --margin into session parameters, a longer buffer included; before other settings.
+void apply_margin(const CutOptions& options, SessionOptions& session);
+
+// Writes FOLDER/NAME-001.wav, -002, ...; a file appears when its utterance has ended.
+class Cutter {
+public:
+    Cutter(const CutOptions& options, std::string name, int rate);  // makes the folder; throws Failure
+    void begin(const Utterance&);
+    void write(const short* samples, int count);
+    std::string keep();  // the path of the finished file
+    void drop();         // what has begun was no utterance
+
+private:
+    std::string folder_, name_, path_;
+    int rate_;
+    int number_ = 0;
+    std::unique_ptr<WavFile> file_;
+};
+
+#endif

@@ -1,0 +1,183 @@
+// dnnvad detect: the utterances of recordings.
+#include <CLI/CLI.hpp>
+#include <filesystem>
+#include <map>
+
+#include "audio_input.h"
+#include "commands.h"
+#include "cutter.h"
+#include "listener.h"
+#include "program.h"
+#include "segment_writer.h"
+#include "session_options.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Options {
+    std::vector<std::string> files;
+    SessionOptions session;
+    AudioOptions audio;
+    std::string format = "table";
+    std::string output;
+    CutOptions cut;
+};
+
+std::string display_name(const std::string& file) { return file == "-" ? "stdin" : file; }
+
+std::string stem(const std::string& file) { return fs::path(display_name(file)).stem().string(); }
+
+// Hands what the listener hears to the writer and, if wanted, the audio to files.
+class Reporter : public Watcher {
+public:
+    Reporter(std::string file, SegmentWriter& writer, FILE* stream, Cutter* cutter,
+             Progress& progress)
+        : file_(std::move(file)), writer_(writer), stream_(stream), cutter_(cutter), progress_(progress) {}
+
+    void began(const Utterance& u) override {
+        if (cutter_ != nullptr) {
+            cutter_->begin(u);
+        }
+    }
+    void audio(const short* samples, int count) override {
+        if (cutter_ != nullptr) {
+            cutter_->write(samples, count);
+        }
+    }
+    void ended(const Utterance& u) override {
+        const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
+        progress_.clear();
+        writer_.utterance(file_, u, cut);
+        std::fflush(stream_);  // results appear as they are decided
+        ++count_;
+    }
+    void forgotten(const Utterance&, bool) override {
+        if (cutter_ != nullptr) {
+            cutter_->drop();
+        }
+    }
+    int count() const { return count_; }
+
+private:
+    std::string file_;
+    SegmentWriter& writer_;
+    FILE* stream_;
+    Cutter* cutter_;
+    Progress& progress_;
+    int count_ = 0;
+};
+
+// Detects in one recording; returns the number of utterances.
+int detect_file(const Options& options, const std::string& file, SegmentWriter& writer, FILE* stream,
+                Progress& progress) {
+    AudioInput input(file, options.audio);
+    const auto session = open_session(options.session, input.rate());
+    const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
+    PcmReader reader(input, rate);
+    std::unique_ptr<Cutter> cutter;
+    if (!options.cut.folder.empty()) {
+        cutter = std::make_unique<Cutter>(options.cut, stem(file), rate);
+    }
+    if (const std::string doubt = doubts(*session); !doubt.empty()) {
+        std::fprintf(stderr, "dnnvad: warning: %s\n", doubt.c_str());
+    }
+    writer.begin(display_name(file), options.files.size() > 1);
+    Reporter reporter(display_name(file), writer, stream, cutter.get(), progress);
+    Listener listener(*session, reporter);
+    std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
+    while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
+        listener.push(chunk.data(), static_cast<int>(got));
+        progress.show(display_name(file), reader.share());
+    }
+    listener.finish();
+    writer.end({display_name(file), input.rate(), model_path(options.session, input.rate()), listener.seconds(),
+                reader.clipped()});
+    progress.clear();
+    if (reader.clipped() > 0) {
+        std::fprintf(stderr, "dnnvad: warning: %s: %lld samples beyond full scale were clipped\n",
+                     display_name(file).c_str(), reader.clipped());
+    }
+    return reporter.count();
+}
+
+int run(const Options& options) {
+    const auto& formats = segment_formats();
+    const SegmentFormat& form =
+        *std::find_if(formats.begin(), formats.end(),
+                      [&](const SegmentFormat& f) { return options.format == f.name; });
+    const bool to_folder = fs::is_directory(options.output);
+    const bool several = options.files.size() > 1;
+    if (several && form.one_recording && !to_folder) {
+        throw UsageError("format " + options.format + " holds one recording: name a folder with -o");
+    }
+    std::unique_ptr<OutputFile> file;
+    std::unique_ptr<SegmentWriter> writer;
+    const auto open_writer = [&](const std::string& path) {
+        if (!path.empty()) {
+            file = std::make_unique<OutputFile>(path);
+        }
+        writer = form.make(file != nullptr ? file->stream() : results());
+    };
+    if (!to_folder) {
+        open_writer(options.output);
+    }
+    Progress progress;
+    int failed = 0, utterances = 0;
+    for (const std::string& recording : options.files) {
+        try {
+            if (to_folder) {
+                open_writer((fs::path(options.output) / (stem(recording) + form.extension)).string());
+            }
+            utterances += detect_file(options, recording, *writer,
+                                      file != nullptr ? file->stream() : results(), progress);
+            if (to_folder) {
+                file->commit();
+            }
+        } catch (const Failure& failure) {
+            progress.clear();
+            std::fprintf(stderr, "dnnvad: %s\n", failure.what());
+            ++failed;
+        }
+    }
+    // What was found in the other recordings is kept; of a single one that failed nothing is.
+    if (!to_folder && file != nullptr && (several || failed == 0)) {
+        file->commit();
+    }
+    if (several) {
+        std::fprintf(stderr, "%zu recordings, %d utterances, %d failed\n", options.files.size(),
+                     utterances, failed);
+    }
+    return failed > 0 ? 1 : 0;
+}
+
+}  // namespace
+
+void add_detect(CLI::App& program, Action& action) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("detect", "Find the utterances of recordings");
+    command.add_option("files", options->files, "Recordings in any format of libsndfile; - reads WAV\n"
+                       "(or --raw) from standard input, with results as they are decided")
+        ->required()->type_name("FILE");
+    command.add_option("--raw", options->audio.raw_rate,
+                       "Input is headerless 16-bit little-endian mono PCM of this rate")
+        ->type_name("HZ")->check(CLI::Range(1000, 384000));
+    command.add_option("--channel", options->audio.channel,
+                       "Listen to this channel (1, 2, ...) instead of the average of all")
+        ->type_name("N")->check(CLI::Range(1, 1024));
+    std::vector<std::string> names;
+    for (const SegmentFormat& form : segment_formats()) {
+        names.emplace_back(form.name);
+    }
+    command.add_option("-f,--format", options->format, "How utterances are written")
+        ->check(CLI::IsMember(names))->capture_default_str();
+    command.add_option("-o,--output", options->output,
+                       "Write to this file instead of standard output, or into this folder a file\n"
+                       "for each recording")->type_name("PATH");
+    add_cut_options(command, options->cut);
+    add_session_options(command, options->session);
+    command.callback([options, &action] {
+        apply_margin(options->cut, options->session);
+        action = [options] { return run(*options); };
+    });
+}

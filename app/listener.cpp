@@ -1,0 +1,190 @@
+#include "listener.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "session_options.h"
+
+using tz_dnnvad::_VADINFO_;
+using tz_dnnvad::CMFE;
+
+namespace {
+
+constexpr double kFrameSeconds = 0.01;
+constexpr int kFirstSpeechClass = 3, kClasses = 9;
+constexpr int kCounterFull = -118;  // the session has counted to 2^31 samples
+constexpr double kFullScale = 32768.0;
+
+enum Status { kNotStarted = 0, kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
+
+}  // namespace
+
+float smoothed_score(const CMFE& session) {
+    const std::vector<float>& maxima = session._m_p_windows_detector->_maxima;
+    float sum = 1.0F;
+    for (std::size_t k = kFirstSpeechClass; k < kClasses; ++k) {
+        sum += std::log(maxima[k]);
+    }
+    return std::exp(sum / (kClasses - kFirstSpeechClass));
+}
+
+Listener::Listener(CMFE& session, Watcher& watcher)
+    : session_(session),
+      watcher_(watcher),
+      chunk_(static_cast<int>(session.mfeGetParam(kSampleRate)) / 100),
+      rate_(session.mfeGetParam(kSampleRate)),
+      out_(static_cast<std::size_t>(session.mfeGetParam(9)) / sizeof(short)) {}
+
+int Listener::push(const short* samples, int count) {
+    const int status = step(samples, count);
+    heard_ += count;
+    int peak = 0;
+    for (int k = 0; k < count; ++k) {
+        peak = std::max(peak, std::abs(static_cast<int>(samples[k])));
+    }
+    peaks_.push_back(peak);
+    // Beside an open utterance only the margin before the next one may still be asked for.
+    const int margin = std::max(0, session_._m_n_start_back_frame);
+    history_.insert(history_.end(), samples, samples + count);
+    while (history_.size() > static_cast<std::size_t>(margin) * static_cast<std::size_t>(chunk_)) {
+        history_.pop_front();
+    }
+    follow(status);
+    const int kept = margin + 2 * session_._m_n_cfg_max_wait + 100;
+    while (!open_ && static_cast<int>(peaks_.size()) > kept) {
+        peaks_.pop_front();
+        ++first_peak_;
+    }
+    return status;
+}
+
+void Listener::finish() {
+    session_.mfeSendData(nullptr, 0);
+    session_.mfeDNNDetect();
+    hand_out();
+    if (session_._m_v_segments.size() > reported_ && !open_) {
+        open_ = true;
+        watcher_.began(describe(""));
+    }
+    if (open_) {
+        close("end of input");
+    }
+}
+
+// One chunk through the session; its status.
+int Listener::step(const short* samples, int count) {
+    if (session_.mfeSendData(samples, count) == kCounterFull) {
+        if (open_) {
+            close("time-out");
+        }
+        session_.mfeReset();
+        reported_ = 0;
+        origin_ = heard_;
+        session_.mfeSendData(samples, count);
+    }
+    const int status = session_.mfeDNNDetect();
+    scored(status);
+    return status;
+}
+
+void Listener::scored(int status) {
+    // A time-out leaves the frame that brought it at the begin of its pass.
+    const int first = session_._m_n_pass_first_frame;
+    const int end = status == kTimedOut ? first + 1 : session_._m_n_cur_frame;
+    for (int f = first; f < end && session_._m_b_vad_enable; ++f) {
+        watcher_.frame({std::llround(origin_ / chunk_) + f,
+                        session_._m_p_frame_state[f % session_._m_n_ring_frames], status,
+                        smoothed_score(session_), session_._m_p_dst_nn,
+                        session_._m_n_max_speech_pause});
+    }
+}
+
+void Listener::hand_out() {
+    int bytes = 0;
+    session_.mfeGetCallbackData(reinterpret_cast<char*>(out_.data()), &bytes,
+                                static_cast<int>(out_.size() * sizeof(short)));
+    if (bytes > 0 && open_) {
+        watcher_.audio(out_.data(), bytes / static_cast<int>(sizeof(short)));
+    }
+}
+
+// Tells what the status after a chunk means for the utterance.
+void Listener::follow(int status) {
+    if (session_._m_v_segments.size() > reported_ && !open_) {
+        open_ = true;
+        watcher_.began(describe(""));
+    }
+    hand_out();
+    // The session forgets a blip, or the device's own prompt: it waits as if there had been no speech.
+    const bool forgotten = session_._m_n_last_speech == 0;
+    if (open_ && status == kEnded) {
+        forgotten ? forget(false) : close("pause");
+    } else if (open_ && status == kNotStarted && forgotten) {
+        forget(true);
+    } else if (status == kTimedOut) {
+        if (open_) {
+            close("time-out");
+        }
+        watcher_.timed_out(seconds());
+        if (!replaying_) {
+            restart();
+        } else {
+            session_.mfeReset();
+            reported_ = 0;
+            origin_ = heard_;
+        }
+    }
+}
+
+void Listener::close(const char* reason) {
+    watcher_.ended(describe(reason));
+    open_ = false;
+    ++reported_;
+}
+
+void Listener::forget(bool prompt) {
+    watcher_.forgotten(describe("pause"), prompt);
+    open_ = false;
+    ++reported_;
+}
+
+// A session that has timed out scores one frame per call and drops the rest, so it begins anew. Speech
+// may begin at this very moment: the margin before it is pushed again, as far as that cannot
+// bring a time-out by itself.
+void Listener::restart() {
+    session_.mfeReset();
+    reported_ = 0;
+    const std::size_t longest =
+        static_cast<std::size_t>(std::max(0, session_._m_n_head_sil / 2)) *
+        static_cast<std::size_t>(chunk_);
+    const std::size_t whole = std::min(history_.size(), longest) / static_cast<std::size_t>(chunk_) *
+                              static_cast<std::size_t>(chunk_);
+    const std::vector<short> lead(history_.end() - static_cast<std::ptrdiff_t>(whole),
+                                  history_.end());
+    origin_ = heard_ - static_cast<double>(whole);
+    replaying_ = true;
+    for (std::size_t at = 0; at < whole; at += static_cast<std::size_t>(chunk_)) {
+        follow(step(&lead[at], chunk_));
+    }
+    replaying_ = false;
+}
+
+Utterance Listener::describe(const char* reason) const {
+    const _VADINFO_& record = session_._m_v_segments[reported_];
+    const bool going_on = *reason == '\0';
+    const int end = going_on || record.end < 0 ? session_._m_n_cur_frame : record.end;
+    const int last = record.last_speech < 0 ? session_._m_n_last_speech : record.last_speech;
+    const long long base = std::llround(origin_ / chunk_) - first_peak_;
+    int peak = 1;
+    for (long long k = std::max(0LL, base + record.start);
+         k <= base + end && k < static_cast<long long>(peaks_.size()); ++k) {
+        peak = std::max(peak, peaks_[static_cast<std::size_t>(k)]);
+    }
+    const int length = last - record.speech_start;
+    return {time(record.start), std::min(time(end), seconds()), time(record.speech_start), time(last),
+            seconds(), reason, 20 * std::log10(peak / kFullScale),
+            length < session_._m_n_min_sp_duration, length > session_._m_n_max_sp_duration};
+}
+
+double Listener::time(int frame) const { return origin_ / rate_ + frame * kFrameSeconds; }

@@ -1,0 +1,87 @@
+// What all commands of the program share: failures, standard output, files, progress.
+#ifndef DNNVAD_APP_PROGRAM_H
+#define DNNVAD_APP_PROGRAM_H
+
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+
+// Something could not be done: the program prints "dnnvad: what: why" and ends with status 1.
+struct Failure : std::runtime_error {
+    Failure(const std::string& what, const std::string& why)
+        : std::runtime_error(what + ": " + why) {}
+};
+
+// The command line asks for something that makes no sense: status 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Takes standard output away from the library, whose diagnostic lines go there: they are dropped, or
+// appended to the file `library_log` unless that is empty. Call once, before results().
+void claim_output(const std::string& library_log);
+
+// Where the program's own results go: the standard output that it was started with.
+FILE* results();
+
+// Flushes results(). Throws Failure when something could not be written.
+void finish_output();
+
+// Makes Ctrl-C and the like remove every unfinished file before they end the program.
+void remove_unfinished_on_signals();
+
+// A file that appears under its name only when it is complete. Until commit() it is written as
+// "PATH.partial", which goes away with the object. What exists and is no regular file (a device, a
+// pipe) is written directly.
+class PendingFile {
+public:
+    explicit PendingFile(std::string path);
+    ~PendingFile();
+    PendingFile(const PendingFile&) = delete;
+    PendingFile& operator=(const PendingFile&) = delete;
+
+    const std::string& path() const { return partial_; }  // what to write to
+    const std::string& name() const { return final_; }
+    void commit();  // throws Failure
+
+private:
+    std::string final_, partial_;
+    int slot_ = -1;  // where the signal handler finds the partial name
+};
+
+// A text file that is complete or not there.
+class OutputFile {
+public:
+    explicit OutputFile(const std::string& path);  // throws Failure
+    ~OutputFile();
+    OutputFile(const OutputFile&) = delete;
+    OutputFile& operator=(const OutputFile&) = delete;
+
+    FILE* stream() { return stream_; }
+    void commit();  // throws Failure
+
+private:
+    PendingFile file_;
+    FILE* stream_;
+};
+
+// One line on standard error that is kept up to date, if that is a terminal.
+class Progress {
+public:
+    Progress();
+    ~Progress() { clear(); }
+    void show(const std::string& label, double share);  // share done, 0 .. 1
+    void clear();                                       // before anything else is printed
+
+private:
+    bool terminal_;
+    int shown_ = -1;  // percent
+};
+
+// printf into a string.
+std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+
+// The file that the library ships under `name`: beside the installed program, else in the source tree.
+std::string bundled_file(const std::string& name);
+
+#endif

@@ -1,0 +1,3 @@
+#include "commands.h"
+
+void add_record_bleep(CLI::App&, Action&) {}

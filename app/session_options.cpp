@@ -1,0 +1,214 @@
+#include "session_options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <set>
+
+#include "program.h"
+
+using tz_dnnvad::cfg_vad_t;
+using tz_dnnvad::CMFE;
+
+namespace {
+
+constexpr int kWideRate = 16000;  // Hz, from which on the 16 kHz model listens
+constexpr double kFrameMilliseconds = 10.0;
+constexpr char kPrefix[] = "PARAM_";
+
+enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
+
+struct Parameter {
+    int id;
+    const char* name;  // a configuration file's key with PARAM_ before it
+    Unit unit;
+    float (*value)(const cfg_vad_t&);  // null: no configuration key
+};
+
+template <auto Member>
+float member(const cfg_vad_t& config) {
+    return static_cast<float>(config.*Member);
+}
+
+// In the order in which they are applied: what sizes buffers first; the wait limit (which may lower the
+// pause limit) before the pause limit, and before the wait after short speech, which it bounds.
+constexpr Parameter kParameters[] = {
+    {kSampleRate, "SAMPLE_RATE", Unit::kHertz, member<&cfg_vad_t::sample_rate>},
+    {9, "BUFFER_LENGTH", Unit::kSamples, nullptr},
+    {1, "MAX_WAIT_DURATION", Unit::kFrames, member<&cfg_vad_t::max_wait>},
+    {kMaxPause, "MAX_SP_PAUSE", Unit::kFrames, member<&cfg_vad_t::max_sp_pause>},
+    {kMaxSpeech, "MAX_SP_DURATION", Unit::kFrames, member<&cfg_vad_t::max_sp_duration>},
+    {kMinSpeech, "MIN_SP_DURATION", Unit::kFrames, member<&cfg_vad_t::min_sp_duration>},
+    {kHeadSilence, "HEAD_SIL_DURATION", Unit::kFrames, member<&cfg_vad_t::head_sil_duration>},
+    {kStartMargin, "START_BACK_FRAME", Unit::kFrames, member<&cfg_vad_t::start_back_frame>},
+    {kEndMargin, "END_BACK_FRAME", Unit::kFrames, member<&cfg_vad_t::end_back_frame>},
+    {kDebugLog, "DEBUG_LOG", Unit::kLevel, member<&cfg_vad_t::debug_log>},
+    {10, "DETECT_START", Unit::kFrames, member<&cfg_vad_t::detect_start>},
+    {11, "DETECTION", Unit::kSwitch, nullptr},
+    {12, "SPEECH_ONLY", Unit::kSwitch, nullptr},
+    {14, "WAIT_AFTER_MINSPEECH", Unit::kFrames, member<&cfg_vad_t::wait_after_minspeech>},
+    {23, "DNN_SPEECH_threshold", Unit::kScore, member<&cfg_vad_t::speech_threshold>},
+    {24, "DNN_SIL_threshold", Unit::kScore, member<&cfg_vad_t::sil_threshold>},
+    {25, "EVAD_DNNVAD_SWITCH", Unit::kSwitch, member<&cfg_vad_t::evad_dnnvad_switch>},
+    {kBleepDetect, "BLEEP_DETECT", Unit::kSwitch, member<&cfg_vad_t::bleep_detect>},
+};
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+const Parameter& parameter_named(const std::string& name) {
+    std::string known;
+    for (const Parameter& parameter : kParameters) {
+        if (lower(parameter.name) == lower(name)) {
+            return parameter;
+        }
+        known += "\n  " + lower(parameter.name);
+    }
+    throw UsageError("no parameter is called '" + name + "'; there are" + known);
+}
+
+// The number that a text like "60", "600ms" or "0.6s" stands for in the parameter's own unit.
+float parse_value(const Parameter& parameter, const std::string& text, double rate) {
+    // Per unit of the parameter: what one millisecond is.
+    const double per_millisecond = parameter.unit == Unit::kFrames    ? 1.0 / kFrameMilliseconds
+                                   : parameter.unit == Unit::kSamples ? rate / 1000.0
+                                                                      : 0.0;
+    const std::map<std::string, double> units{
+        {"", 1.0}, {"ms", per_millisecond}, {"s", 1000.0 * per_millisecond}};
+    char* end = nullptr;
+    const double number = std::strtod(text.c_str(), &end);
+    const auto unit = units.find(lower(end));
+    const bool is_switch = parameter.unit == Unit::kSwitch;
+    if (end == text.c_str() || unit == units.end() || unit->second == 0.0 ||
+        !std::isfinite(number) || number < 0 || (is_switch && number != 0 && number != 1)) {
+        const char* const wanted = is_switch                ? "0 or 1"
+                                   : per_millisecond == 0.0 ? "a number that is not negative"
+                                                            : "a number, or a time such as 600ms or 0.6s";
+        throw UsageError(lower(parameter.name) + " takes " + wanted + ", not '" + text + "'");
+    }
+    const double value = number * unit->second;
+    return static_cast<float>(parameter.unit == Unit::kScore ? value : std::round(value));
+}
+
+std::pair<const Parameter*, std::string> split(const std::string& assignment) {
+    const std::size_t equals = assignment.find('=');
+    if (equals == std::string::npos) {
+        throw UsageError("'" + assignment + "' is not NAME=VALUE");
+    }
+    return {&parameter_named(assignment.substr(0, equals)), assignment.substr(equals + 1)};
+}
+
+cfg_vad_t read_config(const std::string& path) {
+    cfg_vad_t config{};
+    if (!path.empty() && tz_dnnvad::readcfg(path.c_str(), &config) != 0) {
+        throw Failure(path, "cannot be read");
+    }
+    return config;
+}
+
+// Keys of a configuration file: its record cannot tell a value of zero from a key that is not there.
+std::set<std::string> keys_of(const std::string& path) {
+    std::set<std::string> keys;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        keys.insert(line.substr(0, line.find(':')));
+    }
+    return keys;
+}
+
+void set_parameter(CMFE& session, const Parameter& parameter, float value,
+                   const std::string& origin) {
+    if (session.mfeSetParam(parameter.id, value) != 0) {
+        throw Failure(origin, format("%s cannot be %g", parameter.name, value));
+    }
+}
+
+// The host's part of a configuration: what the file sets, then what --set says, in the table's order.
+void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session) {
+    const std::set<std::string> keys = keys_of(options.config);
+    std::map<int, std::string> chosen;
+    for (const std::string& assignment : options.set) {
+        const auto [parameter, text] = split(assignment);
+        chosen[parameter->id] = text;
+    }
+    for (const Parameter& parameter : kParameters) {
+        const auto choice = chosen.find(parameter.id);
+        if (choice != chosen.end()) {
+            const double rate = session.mfeGetParam(kSampleRate);
+            set_parameter(session, parameter, parse_value(parameter, choice->second, rate), "--set");
+        } else if (parameter.value != nullptr && keys.count(std::string(kPrefix) + parameter.name) != 0) {
+            set_parameter(session, parameter, parameter.value(config), options.config);
+        }
+    }
+}
+
+// A file name of the full length has no final zero.
+std::string configured_model(const cfg_vad_t& config) {
+    return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
+}
+
+}  // namespace
+
+void add_session_options(CLI::App& command, SessionOptions& options) {
+    const char* const group = "Detection";
+    command.add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
+        ->type_name("FILE")->group(group);
+    command.add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
+        ->type_name("FILE")->group(group);
+    command.add_option("--config", options.config, "Configuration file of PARAM_NAME:value lines")
+        ->type_name("FILE")->group(group);
+    command
+        .add_option("--set", options.set,
+                    "A parameter by name, such as max_sp_pause=600ms or\n"
+                    "dnn_speech_threshold=0.3; frames of 10 ms without a unit")
+        ->type_name("NAME=VALUE")->take_all()->allow_extra_args(false)->group(group);
+}
+
+std::string model_path(const SessionOptions& options, int recording_rate) {
+    if (!options.model.empty()) {
+        return options.model;
+    }
+    const std::string configured = configured_model(read_config(options.config));
+    return !configured.empty() ? configured
+                               : bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
+}
+
+std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_rate) {
+    auto session = std::make_unique<CMFE>();
+    apply(options, read_config(options.config), *session);
+    const std::string model = model_path(options, recording_rate);
+    const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
+    const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
+    if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
+        throw Failure(model, "not a usable network model (dnnvad info tells more)");
+    }
+    if (bleep != nullptr && wanted && session->mfeGetParam(kBleepDetect) == 0) {
+        throw Failure(options.bleep, "not a usable template for this model (dnnvad info tells more)");
+    }
+    return session;
+}
+
+std::string doubts(CMFE& session) {
+    const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait;
+    if (pause < wait) {
+        return "";
+    }
+    return format("max_sp_pause (%d frames) is not below max_wait_duration (%d): "
+                  "time-outs will end utterances, not pauses", pause, wait);
+}
+
+std::string config_lines(const std::vector<std::string>& set) {
+    std::string lines;
+    for (const std::string& assignment : set) {
+        const auto [parameter, text] = split(assignment);
+        const char* const prefix = parameter->value != nullptr ? kPrefix : "# no key: ";
+        lines += format("%s%s:%g\n", prefix, parameter->name, parse_value(*parameter, text, 8000));
+    }
+    return lines;
+}

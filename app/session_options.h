@@ -1,0 +1,43 @@
+// Options that a detection session is made with: the model, parameters by name, a configuration file.
+#ifndef DNNVAD_APP_SESSION_OPTIONS_H
+#define DNNVAD_APP_SESSION_OPTIONS_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dnnvad/dnn_vad.h"
+
+namespace CLI {
+class App;
+}
+
+// Session parameters that the program itself reads back (dnn_vad.h lists them all).
+enum ParameterId { kMaxPause = 3, kMinSpeech = 4, kMaxSpeech = 2, kHeadSilence = 5, kStartMargin = 6,
+                   kEndMargin = 7, kDebugLog = 8, kSampleRate = 13, kBleepDetect = 26 };
+
+struct SessionOptions {
+    std::string model;             // empty: the configuration file's, else the bundled one
+    std::string bleep;             // template of the device's prompt; empty: none
+    std::string config;            // file of PARAM_ lines
+    std::vector<std::string> set;  // NAME=VALUE, applied after the file
+};
+
+// Adds --model, --bleep, --config and --set to a command. Malformed values are refused as it parses.
+void add_session_options(CLI::App& command, SessionOptions& options);
+
+// A session with every parameter set, sample rate and buffer length first, then initialised. Without a
+// model the bundled one for `recording_rate` (Hz) is taken: 16 kHz from that rate on. Throws Failure,
+// or UsageError for a bad NAME=VALUE.
+std::unique_ptr<tz_dnnvad::CMFE> open_session(const SessionOptions& options, int recording_rate);
+
+// The model file that open_session takes.
+std::string model_path(const SessionOptions& options, int recording_rate);
+
+// What a pause limit that the session can never reach leads to, as a warning; empty when all is well.
+std::string doubts(tz_dnnvad::CMFE& session);
+
+// A configuration file for the NAME=VALUE settings, PARAM_ lines; those without a key become comments.
+std::string config_lines(const std::vector<std::string>& set);
+
+#endif

@@ -1,0 +1,3 @@
+#include "commands.h"
+
+void add_tune(CLI::App&, Action&) {}
