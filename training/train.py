@@ -44,10 +44,14 @@ class Pass:
     tail: float
     noisy: float
     tones: float = 1.0  # how much more often speech-free scenes with tones are drawn
+    # The score that the loss tells speech from silence at. Below the session's own threshold, a
+    # doubtful sound stays silence.
+    boundary: float = network.THRESHOLD
 
 
-PASSES = (Pass("first", 20000, 8e-3, 2.0, 1.5, 1.0), Pass("second", 8000, 3e-3, 1.5, 2.5, 1.4),
-          Pass("third", 3000, 2e-3, 1.5, 2.5, 1.5, 4.0))
+PASSES = (Pass("first", 20000, 8e-3, 2.0, 1.5, 1.0),
+          Pass("second", 8000, 3e-3, 1.5, 2.5, 1.4, 4.0, 0.19),
+          Pass("third", 5000, 3e-3, 1.5, 2.5, 1.5, 12.0, 0.187))
 AVERAGING = 0.999  # of the weights, over the last steps
 VALIDATION = 60  # last scenes, kept for the learning curve (a quarter of a small set)
 
@@ -139,10 +143,10 @@ def log_score(log_posteriors):
     return (1 + maxima.log().sum(dim=1)) / (network.CLASSES - network.FIRST_SPEECH)
 
 
-def loss_of(log_posteriors, marks, weights, free):
+def loss_of(log_posteriors, marks, weights, free, boundary=network.THRESHOLD):
     """Mean loss; marks and weights [batch, CROP], free [batch]: 1 where a scene may not start one."""
     target = marks * (1 - 2 * SMOOTHING) + SMOOTHING
-    margin = 4 * (log_score(log_posteriors) - np.log(network.THRESHOLD))
+    margin = 4 * (log_score(log_posteriors) - np.log(boundary))
     each = F.binary_cross_entropy_with_logits(margin, target, reduction="none")
     on_score = (each * weights).sum() / weights.sum()
     speech = log_posteriors[:, WARM:, network.FIRST_SPEECH:].logsumexp(dim=-1)
@@ -307,7 +311,7 @@ def train(work, front, settings, batch=20, seed=5, name="train", threads=1, star
         if step % HARD_EVERY == 0 and (step > 0 or start):
             crops.find_hard(net)
         drawn = crops.draw(rng, batch)
-        loss = loss_of(net(drawn[0]), *drawn[1:])
+        loss = loss_of(net(drawn[0]), *drawn[1:], settings.boundary)
         optimiser.zero_grad()
         loss.backward()
         nn.utils.clip_grad_norm_(net.parameters(), 1.0)
@@ -319,7 +323,8 @@ def train(work, front, settings, batch=20, seed=5, name="train", threads=1, star
                 kept.lerp_(now, max(1 - AVERAGING, 1 / (step + 1)))
         if step % 200 == 199:
             with torch.no_grad():
-                unseen = loss_of(average(validation[0]), *validation[1:]).item()
+                unseen = loss_of(average(validation[0]), *validation[1:],
+                                 settings.boundary).item()
             log.append([step + 1, running / 200, unseen, len(crops.hard)])
             running = 0.0
             progress(label, step + 1 - first, steps - first, begun,
