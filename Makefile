@@ -7,6 +7,7 @@
 #   make models             train the bundled models anew (downloads 6 GB of recordings)
 #   make quality            measure the models beside other detectors; report in build/quality (downloads
 #                           the same recordings)
+#   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
 #   make format             format the sources in place
@@ -19,7 +20,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality install lint format clean dist
+.PHONY: demo test bench models quality deb install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -46,6 +47,15 @@ quality:
 	@[ -f build/training/heldout.json ] || \
 	    $(PYTHON) training/pipeline.py fetch decode mix-heldout
 	@$(PYTHON) quality/quality.py
+
+deb:
+	@scripts/setup.sh deb
+	@mkdir -p build/packages
+	@for preset in deb deb-armhf; do \
+	    cmake --preset $$preset --log-level=WARNING >/dev/null && \
+	    cmake --build --preset $$preset && packaging/pack.sh build/$$preset build/packages || exit 1; \
+	done
+	@ls -l build/packages
 
 install: dist
 	cmake --install build/dist --prefix "$(PREFIX)"

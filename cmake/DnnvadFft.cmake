@@ -1,5 +1,6 @@
 # Chooses the FFT library behind dnnvad/arch/real_fft.h.
-# Sets DNNVAD_FFT_SOURCE, DNNVAD_FFT_TARGET, DNNVAD_FFT_PACKAGE and DNNVAD_FFT_PC_LIBS.
+# Sets DNNVAD_FFT_SOURCE, DNNVAD_FFT_TARGET, DNNVAD_FFT_PACKAGE, DNNVAD_FFT_PC_LIBS and, for the name of
+# Debian's package, DNNVAD_FFT_DEBIAN.
 
 set(fft ${DNNVAD_FFT})
 if(fft STREQUAL "auto")
@@ -20,12 +21,14 @@ if(fft STREQUAL "ne10")
   set(DNNVAD_FFT_TARGET Ne10::Ne10)
   set(DNNVAD_FFT_PACKAGE Ne10)
   set(DNNVAD_FFT_PC_LIBS -lNE10)
+  set(DNNVAD_FFT_DEBIAN ne10)
 elseif(fft STREQUAL "kissfft")
   find_package(KissfftFloat REQUIRED)
   set(DNNVAD_FFT_SOURCE arch/real_fft_kissfft.cpp)
   set(DNNVAD_FFT_TARGET KissfftFloat::KissfftFloat)
   set(DNNVAD_FFT_PACKAGE KissfftFloat)
   set(DNNVAD_FFT_PC_LIBS -lkissfft-float)
+  set(DNNVAD_FFT_DEBIAN kissfft)
 else()
   message(FATAL_ERROR "DNNVAD_FFT is '${DNNVAD_FFT}'; it may be auto, ne10 or kissfft")
 endif()

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs the Debian packages that a task needs and that are missing.
 #
-#   scripts/setup.sh TASK...        TASK: build demo test bench models quality lint
+#   scripts/setup.sh TASK...        TASK: build demo deb test bench models quality lint
 #   scripts/setup.sh --list TASK... print the packages instead
 #
 # Nothing is asked of the network, and nothing needs root, when every package is there already.
@@ -15,6 +15,7 @@ LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
 # 32-bit ARM under the emulator. libc6-dev of a foreign architecture is not wanted: it conflicts with
 # the cross compiler's own. Native packages that must be of the same version as their foreign twins
 # are named with them, so that apt raises both together.
+ARMHF_APP="libsndfile1-dev:armhf libsoxr-dev:armhf libasound2-dev:armhf"
 ARMHF="qemu-user g++-arm-linux-gnueabihf libne10-dev:armhf
        libc6 libstdc++6 libgcc-s1 libc6:armhf libstdc++6:armhf libgcc-s1:armhf"
 BENCH="$BUILD $ARMHF libbenchmark-dev"
@@ -25,8 +26,10 @@ MODELS="$BUILD python3-torch python3-numpy python3-scipy python3-soundfile pytho
 # Measuring beside other detectors, which run on node; one from elsewhere will do.
 QUALITY="$MODELS"
 { command -v node && command -v npm; } >/dev/null || QUALITY="$QUALITY nodejs npm"
+# Packages for this machine and for 32-bit ARM, and the program that looks for faults in them.
+DEB="$DEMO $ARMHF $ARMHF_APP lintian"
 # The suite runs natively and on both emulated ARM targets, and a small training natively.
-TEST="$DEMO $ARMHF $MODELS libgtest-dev libgtest-dev:armhf util-linux
+TEST="$DEB $MODELS libgtest-dev libgtest-dev:armhf util-linux
       g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64"
 
@@ -40,12 +43,13 @@ for task in "$@"; do
   case $task in
     build) packages="$packages $BUILD" ;;
     demo) packages="$packages $DEMO" ;;
+    deb) packages="$packages $DEB" ;;
     test) packages="$packages $TEST" ;;
     bench) packages="$packages $BENCH" ;;
     models) packages="$packages $MODELS" ;;
     quality) packages="$packages $QUALITY" ;;
     lint) packages="$packages $LINT" ;;
-    *) echo "setup: unknown task '$task' (build demo test bench models quality lint)" >&2; exit 2 ;;
+    *) echo "setup: unknown task '$task' (build demo deb test bench models quality lint)" >&2; exit 2 ;;
   esac
 done
 packages=$(printf '%s\n' $packages | sort -u)

@@ -68,12 +68,12 @@ case $1 in
   program)
     # The installed program works with the model installed beside it, and with no other.
     model=$tree/share/dnnvad/vad8k.bin
-    lines=$($EMULATOR "$tree/bin/dnnvad" "$2" | wc -l) || die "the program failed"
+    lines=$($EMULATOR "$tree/bin/dnnvad" detect "$2" | wc -l) || die "the program failed"
     [ "$lines" -gt 1 ] || die "no speech was found"
     mv "$model" "$model.away"
     : > "$model"
     status=0
-    $EMULATOR "$tree/bin/dnnvad" "$2" >/dev/null 2>&1 || status=$?
+    $EMULATOR "$tree/bin/dnnvad" detect "$2" >/dev/null 2>&1 || status=$?
     mv "$model.away" "$model"
     [ $status = 1 ] || die "the program does not read the installed model"
     ;;
