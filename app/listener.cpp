@@ -34,7 +34,7 @@ Listener::Listener(CMFE& session, Watcher& watcher)
       watcher_(watcher),
       chunk_(static_cast<int>(session.mfeGetParam(kSampleRate)) / 100),
       rate_(session.mfeGetParam(kSampleRate)),
-      out_(static_cast<std::size_t>(session.mfeGetParam(9)) / sizeof(short)) {}
+      out_(static_cast<std::size_t>(session.mfeGetParam(kBufferLength)) / sizeof(short)) {}
 
 int Listener::push(const short* samples, int count) {
     const int status = step(samples, count);

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -17,6 +18,8 @@ namespace {
 
 constexpr int kWideRate = 16000;  // Hz, from which on the 16 kHz model listens
 constexpr double kFrameMilliseconds = 10.0;
+constexpr int kBufferReserve = 100;    // frames
+constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
 constexpr char kPrefix[] = "PARAM_";
 
 enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
@@ -37,7 +40,7 @@ float member(const cfg_vad_t& config) {
 // pause limit) before the pause limit, and before the wait after short speech, which it bounds.
 constexpr Parameter kParameters[] = {
     {kSampleRate, "SAMPLE_RATE", Unit::kHertz, member<&cfg_vad_t::sample_rate>},
-    {9, "BUFFER_LENGTH", Unit::kSamples, nullptr},
+    {kBufferLength, "BUFFER_LENGTH", Unit::kSamples, nullptr},
     {1, "MAX_WAIT_DURATION", Unit::kFrames, member<&cfg_vad_t::max_wait>},
     {kMaxPause, "MAX_SP_PAUSE", Unit::kFrames, member<&cfg_vad_t::max_sp_pause>},
     {kMaxSpeech, "MAX_SP_DURATION", Unit::kFrames, member<&cfg_vad_t::max_sp_duration>},
@@ -112,12 +115,17 @@ cfg_vad_t read_config(const std::string& path) {
     return config;
 }
 
-// Keys of a configuration file: its record cannot tell a value of zero from a key that is not there.
+// Keys of a configuration file with a value that readcfg takes: its record cannot tell a value of zero
+// from a key that is not there.
 std::set<std::string> keys_of(const std::string& path) {
     std::set<std::string> keys;
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
-        keys.insert(line.substr(0, line.find(':')));
+        const std::size_t colon = line.find(':');
+        float number;
+        if (colon != std::string::npos && std::sscanf(line.c_str() + colon + 1, "%f", &number) == 1) {
+            keys.insert(line.substr(0, colon));
+        }
     }
     return keys;
 }
@@ -126,6 +134,19 @@ void set_parameter(CMFE& session, const Parameter& parameter, float value,
                    const std::string& origin) {
     if (session.mfeSetParam(parameter.id, value) != 0) {
         throw Failure(origin, format("%s cannot be %g", parameter.name, value));
+    }
+}
+
+// Audio is handed out from a ring: it has to hold the margin before speech, and the pause after which
+// speech goes on, since that one is handed out when it does.
+void lengthen_buffer(CMFE& session) {
+    const int longest = std::max(session._m_n_start_back_frame,
+                                 std::min(session._m_n_cfg_max_speech_pause, session._m_n_cfg_max_wait));
+    const int frames = std::min(longest, kLongestBuffer) + kBufferReserve;
+    if (frames > session._m_n_buf_frames) {
+        session.mfeSetParam(kBufferLength, static_cast<float>(frames * session._m_n_frame_shift));
+        // The limit on the length of a chunk follows with the rate.
+        session.mfeSetParam(kSampleRate, session.mfeGetParam(kSampleRate));
     }
 }
 
@@ -145,6 +166,9 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
         } else if (parameter.value != nullptr && keys.count(std::string(kPrefix) + parameter.name) != 0) {
             set_parameter(session, parameter, parameter.value(config), options.config);
         }
+    }
+    if (chosen.count(kBufferLength) == 0) {
+        lengthen_buffer(session);
     }
 }
 

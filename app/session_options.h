@@ -14,7 +14,7 @@ class App;
 
 // Session parameters that the program itself reads back (dnn_vad.h lists them all).
 enum ParameterId { kMaxPause = 3, kMinSpeech = 4, kMaxSpeech = 2, kHeadSilence = 5, kStartMargin = 6,
-                   kEndMargin = 7, kDebugLog = 8, kSampleRate = 13, kBleepDetect = 26 };
+                   kEndMargin = 7, kDebugLog = 8, kBufferLength = 9, kSampleRate = 13, kBleepDetect = 26 };
 
 struct SessionOptions {
     std::string model;             // empty: the configuration file's, else the bundled one
@@ -26,7 +26,8 @@ struct SessionOptions {
 // Adds --model, --bleep, --config and --set to a command. Malformed values are refused as it parses.
 void add_session_options(CLI::App& command, SessionOptions& options);
 
-// A session with every parameter set, sample rate and buffer length first, then initialised. Without a
+// A session with every parameter set, sample rate and buffer length first, then initialised. The buffer
+// is lengthened where the margin before speech or the pause limit needs it. Without a
 // model the bundled one for `recording_rate` (Hz) is taken: 16 kHz from that rate on. Throws Failure,
 // or UsageError for a bad NAME=VALUE.
 std::unique_ptr<tz_dnnvad::CMFE> open_session(const SessionOptions& options, int recording_rate);

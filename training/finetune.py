@@ -107,7 +107,8 @@ def main():
     features.extract(work, "train", front)
     print("before:")
     check.report(work, arguments.model)
-    settings = dataclasses.replace(train.PASSES[-1], name="own", steps=arguments.steps)
+    settings = dataclasses.replace(train.PASSES[-1], name="own", steps=arguments.steps,
+                                   rate=2e-3)
     trained = train.train(work, front, settings, start=start, threads=os.cpu_count())
     export.write_model(out, front, *trained)
     print("after:")
