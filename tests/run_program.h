@@ -4,6 +4,7 @@
 
 #include <sys/wait.h>
 
+#include <cstdarg>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -31,6 +32,16 @@ inline Result run(const std::string& command) {
 
 // A file of the source tree.
 inline std::string source(const std::string& path) { return DNNVAD_SOURCE_DIR "/" + path; }
+
+inline std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
+inline std::string format(const char* pattern, ...) {
+    char text[1024];
+    va_list arguments;
+    va_start(arguments, pattern);
+    std::vsnprintf(text, sizeof text, pattern, arguments);
+    va_end(arguments);
+    return text;
+}
 
 inline std::string read_file(const std::string& path) {
     std::ostringstream text;

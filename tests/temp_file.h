@@ -1,4 +1,4 @@
-// A file that vanishes with the object that wrote it.
+// Files and folders that vanish with the object that made them.
 #ifndef DNNVAD_TESTS_TEMP_FILE_H
 #define DNNVAD_TESTS_TEMP_FILE_H
 
@@ -28,6 +28,20 @@ public:
 
 private:
     std::string path_;
+};
+
+class TempDir {
+public:
+    TempDir() : name_("") {
+        std::filesystem::remove(name_.path());
+        std::filesystem::create_directory(name_.path());
+    }
+    ~TempDir() { std::filesystem::remove_all(name_.path()); }
+
+    std::string path() const { return name_.path(); }
+
+private:
+    TempFile name_;
 };
 
 }  // namespace test
