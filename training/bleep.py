@@ -77,20 +77,26 @@ def line_up(*parts):
                            for part in parts])
 
 
-def recorded(rng, sources, x, snr, kinds=PLAIN + LIVELY):
-    """16-bit samples at both rates of a clean stream in a room, before a background at snr dB."""
+def recorded(rng, sources, x, snr, kinds=PLAIN + LIVELY, alone=False):
+    """16-bit samples at both rates of a clean stream in a room, before a background at snr dB.
+
+    alone: the same recording without the stream, its background as loud.
+    """
     x = x / mix.active_rms(x)
     if rng.random() < 0.5:
         x = synth.room(rng, x)
     x = synth.channel(rng, x)
-    level = mix.active_rms(x)
+    level, noise = mix.active_rms(x), np.zeros(len(x))
     kind = rng.choice(kinds)
     if kind != "none":
-        x = x + mix.background(rng, sources, len(x), kind) * level * 10 ** (-snr / 20)
+        noise = mix.background(rng, sources, len(x), kind) * level * 10 ** (-snr / 20)
     if rng.random() < 0.9:  # a microphone's own noise
-        x = x + synth.coloured(rng, len(x), rng.uniform(0, 1.5)) * level * 10 ** (
+        noise = noise + synth.coloured(rng, len(x), rng.uniform(0, 1.5)) * level * 10 ** (
             -rng.uniform(35, 65) / 20)
-    return mix.to_int16(x, rng.uniform(-45, -3), alias=rng.random() < 0.1)
+    peak, alias = rng.uniform(-45, -3), rng.random() < 0.1
+    if alone:
+        peak += 20 * np.log10(max(np.abs(noise).max(), 1e-6) / np.abs(x + noise).max())
+    return mix.to_int16(noise if alone else x + noise, peak, alias=alias)
 
 
 def prompt_stream(rng, sources):
@@ -116,10 +122,11 @@ def sound_stream(rng, sources):
     return recorded(rng, sources, x, rng.uniform(20, 40)), None
 
 
-def command_stream(rng, sources, kinds):
+def command_stream(rng, sources, kinds, alone=False):
     """(samples at both rates, frames (prompt's end, command's begin)): prompt, pause, command.
 
-    The pause is longer than the pause limit, the command earlier than the head silence.
+    The pause is longer than the pause limit, the command earlier than the head silence. alone: the
+    background of the same stream by itself.
     """
     before = line_up(rng.uniform(0.05, 0.4), prompt.prompt())
     spoken = word(rng, sources, 0.3, 2.0) * mix.active_rms(prompt.prompt()) * 10 ** (
@@ -127,7 +134,7 @@ def command_stream(rng, sources, kinds):
     pause = rng.uniform(1.3, 2.0)
     frames = len(before) // mix.SHIFT, len(before) // mix.SHIFT + int(100 * pause)
     x = line_up(before, pause, spoken, 2 * TAIL)
-    return recorded(rng, sources, x, rng.uniform(10, 40), kinds), frames
+    return recorded(rng, sources, x, rng.uniform(10, 40), kinds, alone), frames
 
 
 def plain_command_stream(rng, sources):
@@ -138,13 +145,19 @@ def lively_command_stream(rng, sources):
     return command_stream(rng, sources, LIVELY)
 
 
+def background_stream(rng, sources):
+    """What lies behind the lively_command_stream of the same random numbers."""
+    return command_stream(rng, sources, LIVELY, alone=True)
+
+
 # ---- Sessions -----------------------------------------------------------------------------------
 
 
-def sessions(tool, model, template, rate, stream, sources, count, thresholds=THRESHOLDS):
+def sessions(tool, model, template, rate, stream, sources, count, thresholds=THRESHOLDS, numbers=None):
     """{threshold: [(what stream() says of itself, what bleep_maps says)]} of `count` streams.
 
-    The map is [asked, F] of 0 and 1.
+    The map is [asked, F] of 0 and 1. numbers: the stream whose random numbers are drawn, by default
+    its own.
     """
     abouts, found, begun = [], {}, time.time()
     with tempfile.TemporaryDirectory() as folder:
@@ -152,7 +165,8 @@ def sessions(tool, model, template, rate, stream, sources, count, thresholds=THR
         with open(streams, "wb") as file:
             for seed in range(count):
                 # Each kind of stream and each split draws numbers of its own.
-                rng = np.random.default_rng([seed, sources.varied, *stream.__name__.encode()])
+                name = (numbers or stream).__name__
+                rng = np.random.default_rng([seed, sources.varied, *name.encode()])
                 samples, about = stream(rng, sources)
                 abouts.append(about)
                 samples = samples[0 if rate == RATE else 1]
@@ -332,10 +346,21 @@ def check(work, model, path):
     template, bias, weights = read_template(path, 128 * rate // 8000)
     run = functools.partial(sessions, tool, model, path, rate, sources=sources)
     figures = {threshold: {} for threshold in THRESHOLDS}
+    # In lively backgrounds the network hears speech where there is none, whatever the prompt: the
+    # streams whose background alone starts nothing tell how the prompt fares.
+    still = {threshold: [not any(status == SPEAKING for _, status in result["status"])
+                         for _, result in pairs]
+             for threshold, pairs in run(stream=background_stream, count=COMMANDS,
+                                         numbers=lively_command_stream).items()}
     for name, stream in (("plain", plain_command_stream), ("lively", lively_command_stream)):
         for threshold, pairs in run(stream=stream, count=COMMANDS).items():
-            outcomes = collections.Counter(judge(result, *frames) for frames, result in pairs)
+            every = [judge(result, *frames) for frames, result in pairs]
+            outcomes = collections.Counter(every)
             line = figures[threshold]
+            if name == "lively":
+                kept = [outcome for outcome, alone in zip(every, still[threshold]) if alone]
+                line["lively, still: streams"] = len(kept)
+                line["lively, still: right %"] = 100 * sum(o in RIGHT for o in kept) / len(kept)
             line[f"{name}: right %"] = 100 * sum(outcomes[o] for o in RIGHT) / COMMANDS
             line.update({f"{name}: {o} %": 100 * outcomes[o] / COMMANDS for o in OUTCOMES})
     difference = 0.0
