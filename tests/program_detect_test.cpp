@@ -291,7 +291,7 @@ TEST(Detect, KeepsTheLibrarysLinesApart) {
 
 TEST(Detect, SaysWhatIsWrong) {
     const test::TempDir folder;
-    const std::string text = source("README.md");
+    const std::string text = source("LICENSE");
     for (const std::string& arguments :
          {std::string(""), std::string("detect"), "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
           "detect --set nothing=1 " + kRoadsigns, "detect --set max_sp_pause=soon " + kRoadsigns,
