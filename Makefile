@@ -8,6 +8,7 @@
 #   make quality            measure the models beside other detectors; report in build/quality (downloads
 #                           the same recordings)
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
+#   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
 #   make lint               clang's warnings, clang-tidy and the format
 #   make format             format the sources in place
@@ -20,7 +21,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality deb install lint format clean dist
+.PHONY: demo test bench models quality deb abi install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -56,6 +57,15 @@ deb:
 	    cmake --build --preset $$preset && packaging/pack.sh build/$$preset build/packages || exit 1; \
 	done
 	@ls -l build/packages
+
+abi:
+	@scripts/setup.sh test
+	@for preset in release:x86_64 armhf:armv7l; do \
+	    cmake --preset $${preset%:*} --log-level=WARNING >/dev/null && \
+	    cmake --build --preset $${preset%:*} --target dnnvad && \
+	    tests/abi/abi_test.sh --accept build/$${preset%:*}/libdnnvad.so dnnvad \
+	        tests/abi/libdnnvad-$${preset#*:}.abi.gz || exit 1; \
+	done
 
 install: dist
 	cmake --install build/dist --prefix "$(PREFIX)"

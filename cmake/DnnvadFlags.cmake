@@ -36,6 +36,16 @@ endif()
 # The library and the program are held to more than tests are.
 set(DNNVAD_STRICT_WARNINGS -Wpedantic -Wshadow -Wconversion)
 
+# Whoever feeds the library is not trusted: what a fault could do is held down.
+add_compile_options(-fstack-protector-strong)
+add_link_options(LINKER:-z,relro,-z,now,-z,noexecstack)
+include(CheckPIESupported)
+check_pie_supported()
+if(NOT DNNVAD_SANITIZE)  # (sanitizers check the same functions themselves)
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>
+                      $<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2>)
+endif()
+
 if(DNNVAD_SANITIZE)
   # The instrumentation hides initialisations from the compiler: only plain builds can warn of them.
   add_compile_options(-Wno-maybe-uninitialized)
