@@ -48,7 +48,7 @@ endif()
 
 if(DNNVAD_SANITIZE)
   # The instrumentation hides initialisations from the compiler: only plain builds can warn of them.
-  add_compile_options(-Wno-maybe-uninitialized)
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   add_compile_options(-fsanitize=${DNNVAD_SANITIZE} -fno-omit-frame-pointer
                       -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${DNNVAD_SANITIZE})

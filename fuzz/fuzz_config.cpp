@@ -1,0 +1,25 @@
+// The configuration reader. Run: see harness.h, with -dict=fuzz/config.dict.
+#include "dnnvad/dnn_vad.h"
+#include "harness.h"
+
+const bool fuzz::may_assert = false;
+
+void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
+    static MemoryFile file;
+    tz_dnnvad::cfg_vad_t config;
+    std::memset(&config, 0x5a, sizeof config);
+    if (tz_dnnvad::readcfg(file.hold(data, size), &config) != 0) {
+        fault("a readable file is not read");
+    }
+    for (const char c : config.spare) {
+        if (c != 0) {
+            fault("the record is not cleared");
+        }
+    }
+    // What a host does with it: every value that the session takes.
+    static tz_dnnvad::CMFE session;
+    session.mfeSetParam(1, static_cast<float>(config.max_wait));
+    session.mfeSetParam(3, static_cast<float>(config.max_sp_pause));
+    session.mfeSetParam(13, static_cast<float>(config.sample_rate));
+    session.mfeSetParam(23, config.speech_threshold);
+}
