@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 
+#include "model_file.h"
 #include "program.h"
 
 using tz_dnnvad::cfg_vad_t;
@@ -209,8 +210,9 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     const std::string model = model_path(options, recording_rate);
     const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
     const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
+    check_model(model);
     if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
-        throw Failure(model, "not a usable network model (dnnvad info tells more)");
+        throw Failure(model, "there is no memory for this network model");
     }
     if (bleep != nullptr && wanted && session->mfeGetParam(kBleepDetect) == 0) {
         throw Failure(options.bleep, "not a usable template for this model (dnnvad info tells more)");

@@ -1,6 +1,6 @@
 # Chooses the FFT library behind dnnvad/arch/real_fft.h.
-# Sets DNNVAD_FFT_SOURCE, DNNVAD_FFT_TARGET, DNNVAD_FFT_PACKAGE, DNNVAD_FFT_PC_LIBS and, for the name of
-# Debian's package, DNNVAD_FFT_DEBIAN.
+# Sets DNNVAD_FFT_NAME, DNNVAD_FFT_SOURCE, DNNVAD_FFT_TARGET, DNNVAD_FFT_PACKAGE, DNNVAD_FFT_PC_LIBS and,
+# for the name of Debian's package, DNNVAD_FFT_DEBIAN.
 
 set(fft ${DNNVAD_FFT})
 if(fft STREQUAL "auto")
@@ -32,3 +32,4 @@ elseif(fft STREQUAL "kissfft")
 else()
   message(FATAL_ERROR "DNNVAD_FFT is '${DNNVAD_FFT}'; it may be auto, ne10 or kissfft")
 endif()
+set(DNNVAD_FFT_NAME ${fft})
