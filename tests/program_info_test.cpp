@@ -1,4 +1,4 @@
-// dnnvad info beside the library, on model files whole, cut off and spoilt.
+// dnnvad info beside the library, on model files whole, cut off and spoilt; and dnnvad bench.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -145,6 +145,24 @@ TEST(Info, DrawsATemplateAndAgreesWithTheLibraryOnSpoiltOnes) {
     const std::string model = test::source("models/vad8k.bin");
     const auto loads = [&](const char* file) { return library_loads(model.c_str(), file); };
     EXPECT_EQ(compare(contents, loads), 4);
+}
+
+TEST(Bench, MeasuresBothBundledModels) {
+    const test::Result result = test::run("dnnvad bench --seconds 0.5 -f json");
+    ASSERT_EQ(result.status, 0);
+    const json all = json::parse(result.output);
+    ASSERT_EQ(all["models"].size(), 2U);
+    for (const json& model : all["models"]) {
+        EXPECT_EQ(model["frames"], 50);
+        EXPECT_GT(model["median_us"], 0.0);
+        EXPECT_LE(model["median_us"], model["p99_us"]);
+        EXPECT_NEAR(model["real_time_factor"].get<double>(), model["mean_us"].get<double>() / 1e4, 1e-9);
+        EXPECT_GT(model["session_bytes"], 300000);
+        EXPECT_EQ(model["allocations_per_frame"], model["rate_hz"] == 8000 ? 0.0 : 1.0);
+    }
+    const std::string recording = test::source("samples/roadsigns-8k.wav");
+    EXPECT_EQ(test::run("dnnvad bench --seconds 0.2 " + recording).status, 0);
+    EXPECT_EQ(test::run("dnnvad bench --model " + recording + " 2>/dev/null").status, 1);
 }
 
 }  // namespace
