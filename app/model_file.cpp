@@ -298,6 +298,10 @@ ordered_json describe_template(const std::string& path, int bins) {
             break;
         }
     }
+    if (!std::all_of(weights.begin(), weights.end(), [](float w) { return std::isfinite(w); })) {
+        doubts.push_back("some weights are not finite");
+        std::replace_if(weights.begin(), weights.end(), [](float w) { return !std::isfinite(w); }, 0.0F);
+    }
     std::vector<std::size_t> order(weights.size() - 1);
     for (std::size_t k = 0; k < order.size(); ++k) {
         order[k] = k + 1;
@@ -312,7 +316,8 @@ ordered_json describe_template(const std::string& path, int bins) {
     }
     return {{"file", path}, {"kind", "bleep template"},
             {"for_models_of_hz", bins == kWideBins ? 16000 : 8000}, {"rows", kRows}, {"bins", bins},
-            {"template_10_ms_a_column", picture(cells, bins)}, {"bias", weights[0]},
+            {"template_10_ms_a_column", picture(cells, bins)},
+            {"bias", format("%.6g", static_cast<double>(weights[0]))},
             {"strongest_weights_per_cell", strongest}, {"doubts", doubts}};
 }
 
