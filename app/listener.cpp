@@ -59,9 +59,9 @@ int Listener::push(const short* samples, int count) {
     return status;
 }
 
-void Listener::finish() {
+int Listener::finish() {
     session_.mfeSendData(nullptr, 0);
-    session_.mfeDNNDetect();
+    const int status = session_.mfeDNNDetect();
     hand_out();
     if (session_._m_v_segments.size() > reported_ && !open_) {
         open_ = true;
@@ -70,6 +70,7 @@ void Listener::finish() {
     if (open_) {
         close("end of input");
     }
+    return status;
 }
 
 // One chunk through the session; its status.

@@ -58,8 +58,8 @@ public:
     int chunk() const { return chunk_; }  // samples of 10 ms
     // Pushes at most chunk() samples; fewer only at the end. Returns the session's status.
     int push(const short* samples, int count);
-    // The end of the input: closes an utterance that is still open.
-    void finish();
+    // The end of the input: closes an utterance that is still open. Returns the final status.
+    int finish();
     double seconds() const { return heard_ / rate_; }  // pushed so far
     bool speaking() const { return open_; }
 

@@ -1,3 +1,265 @@
-#include "commands.h"
+// dnnvad live: listens to an ALSA capture device, says what it hears and shows it as it goes.
+//
+// Everything runs on the time of the stream, the samples heard so far: it does not matter whether a
+// device delivers them in real time.
+#include <unistd.h>
 
-void add_live(CLI::App&, Action&) {}
+#include <CLI/CLI.hpp>
+#include <cmath>
+#include <csignal>
+#include <ctime>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "audio_input.h"
+#include "capture.h"
+#include "commands.h"
+#include "cutter.h"
+#include "program.h"
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kMeterFrames = 10;         // between two pictures; time constant of the level
+constexpr int kNoiseFrames = 100;        // time constant of the noise floor
+constexpr int kShownFrames = 50;         // a time-out lasts one frame, but stays readable
+constexpr int kBarCells = 12;            // of the level meter
+constexpr double kBarDb = -60, kFloorDb = -96;  // where the meter's bar begins; digital silence
+constexpr int kSilence = 2;                     // state of a frame: silence after silence
+constexpr int kSpeaking = 1, kTimedOut = 3;     // statuses of a session
+constexpr char kClearLine[] = "\r\033[K";
+constexpr const char* kStatusNames[] = {"not started", "speaking", "pause", "time-out", "too short",
+                                        "too long", "ended"};
+
+struct Options {
+    std::string device = "default", format = "text";
+    int rate = 16000;  // Hz
+    double seconds = std::numeric_limits<double>::infinity();
+    bool once = false, list = false;
+    CutOptions cut;
+    SessionOptions session;
+};
+
+volatile std::sig_atomic_t stopping = 0;
+struct sigaction usual_action;  // what Ctrl-C does in the other commands
+
+extern "C" void request_stop(int signal) {
+    stopping = 1;
+    sigaction(signal, &usual_action, nullptr);  // a second one ends the program whatever it waits for
+}
+
+// From now on Ctrl-C and SIGTERM end the stream, not the program; they interrupt what it waits for.
+void stop_on_signals() {
+    struct sigaction action {};
+    action.sa_handler = request_stop;
+    for (const int signal : {SIGINT, SIGTERM}) {
+        sigaction(signal, &action, &usual_action);
+    }
+}
+
+// Prints events, keeps audio, and draws the status line if standard error is a terminal.
+class Monitor : public Watcher {
+public:
+    Monitor(const tz_dnnvad::CMFE& session, const Options& options, FILE* stream, Cutter* cutter)
+        : session_(session), options_(options), stream_(stream), cutter_(cutter) {}
+
+    void frame(const Frame& frame) override { frame_ = frame; }
+    void began(const Utterance& u) override {
+        if (cutter_ != nullptr) {
+            cutter_->begin(u);
+        }
+        const long late = std::lround(1000 * (u.decided - u.speech_start));
+        say({{"type", "began"}, {"time", round2(u.decided)}, {"first_speech", round2(u.speech_start)},
+             {"latency_ms", late}}, format("speech began at %.2f, %ld ms ago", u.speech_start, late));
+    }
+    void audio(const short* samples, int count) override {
+        if (cutter_ != nullptr) {
+            cutter_->write(samples, count);
+        }
+        if (options_.once && utterances_ == 0) {
+            audio_.insert(audio_.end(), samples, samples + count);
+        }
+    }
+    void ended(const Utterance& u) override {
+        ++utterances_;
+        const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
+        const long late = std::lround(1000 * (u.decided - u.last_speech));
+        Json event{{"type", "ended"}, {"time", round2(u.decided)}, {"start", round2(u.start)},
+                   {"end", round2(u.end)}, {"first_speech", round2(u.speech_start)},
+                   {"last_speech", round2(u.last_speech)}, {"ended_by", u.reason}, {"latency_ms", late},
+                   {"under_minimum", u.under_minimum}, {"over_maximum", u.over_maximum}};
+        if (!cut.empty()) {
+            event["cut"] = cut;
+        }
+        say(event, format("utterance from %.2f to %.2f, ended by %s, last speech %ld ms ago%s%s",
+                          u.start, u.end, u.reason, late, cut.empty() ? "" : "  ", cut.c_str()));
+    }
+    void forgotten(const Utterance& u, bool prompt) override {
+        if (cutter_ != nullptr) {
+            cutter_->drop();
+        }
+        audio_.clear();
+        const double now = round2(u.decided), start = round2(u.speech_start);
+        say({{"type", "forgotten"}, {"time", now}, {"first_speech", start}, {"prompt", prompt}},
+            format("forgotten: %s at %.2f", prompt ? "the prompt" : "a blip", start));
+    }
+    void timed_out(double seconds) override {
+        say({{"type", "time-out"}, {"time", round2(seconds)}}, "time-out");
+    }
+    void stream_ended(double seconds, int status, int overruns) {
+        set_status(status);
+        if (terminal_) {
+            draw(overruns);
+            std::fputc('\n', stderr);
+        }
+        terminal_ = false;  // the last picture stays
+        say({{"type", "stream"}, {"time", round2(seconds)}, {"utterances", utterances_},
+             {"overruns", overruns}},
+            format("stream ended, utterances: %d, overruns: %d", utterances_, overruns));
+    }
+
+    // Takes what the session has just heard, and its status since.
+    void meter(const short* samples, int count, int status, int overruns) {
+        double power = 0;
+        for (int k = 0; k < count; ++k) {
+            power += static_cast<double>(samples[k]) * samples[k] / count;
+        }
+        power_ += (power - power_) / kMeterFrames;
+        if (frame_.state == kSilence) {
+            quiet_ = std::min(quiet_ + 1, kNoiseFrames);
+            noise_ += (decibels(power) - noise_) / quiet_;
+        }
+        ++status_frames_;
+        if (status_ != kTimedOut || status == kSpeaking || status_frames_ > kShownFrames) {
+            set_status(status);
+        }
+        if (++frames_ % kMeterFrames == 0 && terminal_) {
+            draw(overruns);
+        }
+    }
+
+    int utterances() const { return utterances_; }
+    const std::vector<short>& first_utterance() const { return audio_; }
+
+private:
+    static double round2(double value) { return std::round(value * 100) / 100; }
+    static double decibels(double power) {
+        return std::max(kFloorDb, 10 * std::log10(power / (32768.0 * 32768.0)));
+    }
+
+    void set_status(int status) {
+        status_frames_ = status == status_ ? status_frames_ : 0;
+        status_ = status;
+    }
+    void say(const Json& event, const std::string& text) {
+        if (terminal_) {
+            std::fputs(kClearLine, stderr);
+        }
+        const std::string json = event.dump(-1, ' ', false, Json::error_handler_t::replace);
+        const std::string line = format("%8.2f  %s", event["time"].get<double>(), text.c_str());
+        std::fprintf(stream_, "%s\n", options_.format == "json" ? json.c_str() : line.c_str());
+        stream_ == results() ? finish_output() : static_cast<void>(std::fflush(stream_));
+    }
+
+    // (what goes beyond the end of the terminal's line is not wrapped: it could not be taken back)
+    void draw(int overruns) const {
+        const double level = decibels(power_), share = std::clamp(1 - level / kBarDb, 0.0, 1.0);
+        const std::string bar(static_cast<std::size_t>(std::lround(kBarCells * share)), '#');
+        std::fprintf(stderr, "%s\033[?7l[%-*s] %3.0f dB, noise %.0f, score %.2f (%.2f/%.2f), %s %.1f s, "
+                     "%d overruns\033[?7h", kClearLine, kBarCells, bar.c_str(), level, noise_,
+                     frame_.score, session_._m_f_speech_threshold, session_._m_f_sil_threshold,
+                     kStatusNames[status_], 0.01 * status_frames_, overruns);
+        std::fflush(stderr);
+    }
+
+    const tz_dnnvad::CMFE& session_;
+    const Options& options_;
+    FILE* stream_;
+    Cutter* cutter_;
+    int utterances_ = 0;
+    std::vector<short> audio_;  // of the first utterance
+    bool terminal_ = isatty(STDERR_FILENO) != 0;
+    Frame frame_{0, kSilence, 0, 0, nullptr, 0};
+    double power_ = 0;          // mean of the latest frames
+    double noise_ = kFloorDb;   // dB full scale, of the latest frames without speech
+    int frames_ = 0, quiet_ = 0, status_ = 0, status_frames_ = 0;
+};
+
+// Files are named after the time when listening began, so that no recording replaces an earlier one.
+std::string cut_name() {
+    char text[32] = "";
+    const std::time_t now = std::time(nullptr);
+    std::strftime(text, sizeof text, "live-%Y%m%d-%H%M%S", std::localtime(&now));
+    return text;
+}
+
+int run(const Options& options) {
+    if (options.list) {
+        list_capture_devices(results());
+        return 0;
+    }
+    const auto session = open_session(options.session, options.rate);
+    const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
+    Capture capture(options.device, rate, stopping);
+    std::unique_ptr<Cutter> cutter;
+    if (!options.cut.folder.empty()) {
+        cutter = std::make_unique<Cutter>(options.cut, cut_name(), rate);
+    }
+    if (const std::string doubt = doubts(*session); !doubt.empty()) {
+        std::fprintf(stderr, "dnnvad: warning: %s\n", doubt.c_str());
+    }
+    const bool audio_out = options.once && isatty(fileno(results())) == 0;
+    Monitor monitor(*session, options, audio_out ? stderr : results(), cutter.get());
+    Listener listener(*session, monitor);
+    stop_on_signals();
+    std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
+    int status = 0;
+    bool heard = false;  // what --once waits for, or that it does not come
+    while (!heard && stopping == 0 && capture.failure().empty() &&
+           listener.seconds() < options.seconds) {
+        if (const int count = capture.read(chunk.data(), listener.chunk()); count > 0) {
+            status = listener.push(chunk.data(), count);
+            monitor.meter(chunk.data(), count, status, capture.overruns());
+        }
+        // (as the head silence runs out speech may just begin: then it is awaited)
+        heard = options.once &&
+                (monitor.utterances() > 0 || (status == kTimedOut && !listener.speaking()));
+    }
+    status = heard ? status : listener.finish();
+    monitor.stream_ended(listener.seconds(), status, capture.overruns());
+    if (audio_out && monitor.utterances() > 0) {
+        write_wav(results(), monitor.first_utterance(), rate);
+    }
+    if (!capture.failure().empty()) {
+        throw Failure(options.device, capture.failure());
+    }
+    return options.once && monitor.utterances() == 0 ? 1 : 0;
+}
+
+}  // namespace
+
+void add_live(CLI::App& program, Action& action) {
+    const auto options = std::make_shared<Options>();
+    CLI::App& command = *program.add_subcommand("live", "Listen to a capture device until Ctrl-C");
+    command.add_option("-D,--device", options->device, "ALSA capture device")->capture_default_str();
+    command.add_option("--rate", options->rate, "Sample rate in Hz, as far as the model leaves it open")
+        ->check(CLI::IsMember({8000, 16000}))->capture_default_str();
+    command.add_option("-f,--format", options->format,
+                       "Events, a line each: text, or json objects of \"type\" began, ended, forgotten\n"
+                       "(a blip, the prompt), time-out, stream (its end); times in seconds of stream")
+        ->check(CLI::IsMember({"text", "json"}))->capture_default_str();
+    command.add_option("--seconds", options->seconds, "End after this much of the stream")
+        ->check(CLI::Range(0.01, 1e9))->type_name("N");
+    command.add_flag("--once", options->once,
+                     "End after the first utterance; status 1 if a time-out or the end comes first.\n"
+                     "If standard output is no terminal it gets the utterance as a WAV file, and\n"
+                     "standard error the events");
+    command.add_flag("--list", options->list, "List the capture devices");
+    add_cut_options(command, options->cut);
+    add_session_options(command, options->session);
+    command.callback([options, &action] {
+        apply_margin(options->cut, options->session);
+        action = [options] { return run(*options); };
+    });
+}
