@@ -16,7 +16,7 @@ _dnnvad() {
       return ;;
   esac
   if [[ $current == -* ]]; then
-    COMPREPLY=($(compgen -W "$(grep -oE '^ +(-[A-Za-z],)?--[a-z-]+|^ +-[A-Za-z]' <<<"$help" | tr , '\n')" -- "$current"))
+    COMPREPLY=($(compgen -W "$(grep -oE '^ +(-[A-Za-z],)?--[a-z0-9-]+|^ +-[A-Za-z]' <<<"$help" | tr , '\n')" -- "$current"))
   elif [[ -z $command ]]; then
     COMPREPLY=($(compgen -W "$(sed -n '/^Subcommands:/,$ s/^  \([a-z-]*\) .*/\1/p' <<<"$help")" -- "$current"))
   else

@@ -234,7 +234,10 @@ std::string config_lines(const std::vector<std::string>& set) {
     for (const std::string& assignment : set) {
         const auto [parameter, text] = split(assignment);
         const char* const prefix = parameter->value != nullptr ? kPrefix : "# no key: ";
-        lines += format("%s%s:%g\n", prefix, parameter->name, parse_value(*parameter, text, 8000));
+        const float value = parse_value(*parameter, text, 8000);
+        // (readcfg reads no exponents into integers)
+        lines += format("%s%s:%s\n", prefix, parameter->name,
+                        format(parameter->unit == Unit::kScore ? "%g" : "%.0f", value).c_str());
     }
     return lines;
 }
