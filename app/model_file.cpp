@@ -1,6 +1,7 @@
 #include "model_file.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdint>
@@ -270,7 +271,10 @@ ordered_json describe_template(const std::string& path, int bins) {
     ordered_json doubts = ordered_json::array();
     // The next number as the library's fscanf takes it; false when something else stands there.
     const auto next = [&](const char* pattern, auto* value, const std::string& expected) {
-        std::fscanf(file.stream(), " ");
+        int space;
+        while (std::isspace(space = std::fgetc(file.stream())) != 0) {
+        }
+        std::ungetc(space, file.stream());
         const long where = file.at();
         const int taken = std::fscanf(file.stream(), pattern, value);
         if (taken == EOF) {
