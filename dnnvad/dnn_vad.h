@@ -147,7 +147,9 @@ public:
     //     id  configuration key              unit     default
     //      1  PARAM_MAX_WAIT_DURATION        frames   110   lowers the configured pause below it
     //      2  PARAM_MAX_SP_DURATION          frames   5000
-    //      3  PARAM_MAX_SP_PAUSE             frames   90    raises the current wait above it
+    //      3  PARAM_MAX_SP_PAUSE             frames   90    raises the current wait above it, but only
+    //                                                       till the next reset or end of speech:
+    //                                                       keep id 1 above it, or status 6 never comes
     //      4  PARAM_MIN_SP_DURATION          frames   25
     //      5  PARAM_HEAD_SIL_DURATION        frames   400
     //      6  PARAM_START_BACK_FRAME         frames   40
@@ -162,7 +164,7 @@ public:
     //     23  PARAM_DNN_SPEECH_threshold     score    0.2   taken at initialisation
     //     24  PARAM_DNN_SIL_threshold        score    0.2   taken at initialisation
     //     25  PARAM_EVAD_DNNVAD_SWITCH       0 or 1   0
-    //     26  PARAM_BLEEP_DETECT             0 or 1   1
+    //     26  PARAM_BLEEP_DETECT             0 or 1   1     0 after an initialisation without template
     //
     // Ids 9 and 13 size buffers at initialisation: set them before. Set later, they change the
     // fields and the chunk limit at once, but the rings keep the lengths they were allocated with.
@@ -203,7 +205,8 @@ public:
 
     // ---- Detection, in dnn_vad_detect.cpp ----------------------------------------------------
 
-    // Scores every whole frame that arrived since the previous call and moves the state machine.
+    // Scores every whole frame that arrived since the previous call and moves the state machine. Call
+    // it once after each mfeSendData: right after a status 6 a second call scores the last frame anew.
     // Returns the session's status; before initialisation the status as it is.
     int mfeDNNDetect();
 
