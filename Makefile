@@ -7,6 +7,7 @@
 #   make models             train the bundled models anew (downloads 6 GB of recordings)
 #   make quality            measure the models beside other detectors; report in build/quality (downloads
 #                           the same recordings)
+#   make soak               three days of audio through one session for each rate
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
@@ -21,7 +22,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality deb abi install lint format clean dist
+.PHONY: demo test bench models quality soak deb abi install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -48,6 +49,12 @@ quality:
 	@[ -f build/training/heldout.json ] || \
 	    $(PYTHON) training/pipeline.py fetch decode mix-heldout
 	@$(PYTHON) quality/quality.py
+
+soak:
+	@scripts/setup.sh test
+	@cmake --preset release --log-level=WARNING >/dev/null
+	@cmake --build --preset release --target soak
+	@build/release/tests/soak 72
 
 deb:
 	@scripts/setup.sh deb

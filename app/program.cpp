@@ -54,7 +54,7 @@ void finish_output() {
 }
 
 void remove_unfinished_on_signals() {
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGABRT}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGABRT}) {
         std::signal(signal, remove_unfinished);
     }
 }
