@@ -86,15 +86,21 @@ int CMFE::mfeInit_load_model(const char* dnnfile, const char* bleepfile) {
         _m_n_fbank_low = kDefaultLowHz;
         _m_n_fbank_high = kDefaultHighHz;
     }
-    int error = 0;
-    if ((error = allocate_rings()) != 0 || (error = load_network(dnnfile)) != 0 ||
-        (error = resize_input_ring()) != 0 || (error = allocate_frame_buffers()) != 0 ||
-        (error = allocate_bleep_buffers(bleepfile)) != 0 || (error = build_feature_chain()) != 0 ||
-        (error = create_energy_vad()) != 0) {
-        return error;
+    try {
+        int error = 0;
+        if ((error = allocate_rings()) != 0 || (error = load_network(dnnfile)) != 0 ||
+            (error = resize_input_ring()) != 0 || (error = allocate_frame_buffers()) != 0 ||
+            (error = allocate_bleep_buffers(bleepfile)) != 0 ||
+            (error = build_feature_chain()) != 0 || (error = create_energy_vad()) != 0) {
+            return error;
+        }
+        _m_b_ready = true;
+        mfeReset();
+    } catch (const std::bad_alloc&) {  // from the small objects
+        _m_b_ready = false;
+        VAD_ERROR("malloc Failed\n");
+        return kNoMemory;
     }
-    _m_b_ready = true;
-    mfeReset();
     return 0;
 }
 
