@@ -8,6 +8,7 @@
 #   make quality            measure the models beside other detectors; report in build/quality (downloads
 #                           the same recordings)
 #   make soak               three days of audio through one session for each rate
+#   make answers            the answers of all builds to hours of audio (downloads it as quality does)
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
@@ -22,7 +23,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality soak deb abi install lint format clean dist
+.PHONY: demo test bench models quality soak answers deb abi install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -55,6 +56,18 @@ soak:
 	@cmake --preset release --log-level=WARNING >/dev/null
 	@cmake --build --preset release --target soak
 	@build/release/tests/soak 72
+
+ANSWER_PRESETS := release debug asan clang armhf arm64
+answers:
+	@scripts/setup.sh test lint
+	@[ -f build/training/heldout.json ] || \
+	    $(PYTHON) training/pipeline.py fetch decode mix-heldout
+	@for preset in $(ANSWER_PRESETS); do \
+	    cmake --preset $$preset --log-level=WARNING >/dev/null && \
+	    cmake --build --preset $$preset --target answers || exit 1; \
+	done
+	@$(PYTHON) tests/answers.py build/training/heldout8.s16 build/training/heldout.s16 \
+	    $(addprefix build/,$(ANSWER_PRESETS))
 
 deb:
 	@scripts/setup.sh deb
