@@ -51,8 +51,8 @@ int Listener::push(const short* samples, int count) {
         history_.pop_front();
     }
     follow(status);
-    const int kept = margin + 2 * session_._m_n_cfg_max_wait + 100;
-    while (!open_ && static_cast<int>(peaks_.size()) > kept) {
+    const long long kept = 100LL + margin + 2LL * session_._m_n_cfg_max_wait;
+    while (!open_ && static_cast<long long>(peaks_.size()) > kept) {
         peaks_.pop_front();
         ++first_peak_;
     }

@@ -141,7 +141,7 @@ int frames(SessionOptions session, const std::string& assignment, int id) {
 }
 
 std::vector<Setting> settings(const Options& o) {
-    const int wait = static_cast<int>(open_session(o.session, 8000)->mfeGetParam(kMaxWait));
+    const int wait = open_session(o.session, 8000)->_m_n_cfg_max_wait;
     std::vector<Setting> all(o.thresholds.size() * o.end_ratios.size() * o.pauses.size() *
                              o.margins.size());
     for (std::size_t k = 0; k < all.size(); ++k) {
