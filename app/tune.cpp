@@ -197,7 +197,7 @@ void rank(const Options& o, std::vector<Setting>& all) {
 std::string figure(double value) { return std::isfinite(value) ? format("%.5g", value) : "-"; }
 
 std::string basis(const Options& o, const Tally& t) {
-    return format("%zu recordings, %.0f utterances, %.1f s outside them; least %s within the limits",
+    return format("recordings: %zu, utterances: %.0f, outside them: %.1f s; least %s within the limits",
                   o.files.size(), t.counts[kUtterances], t.counts[kQuiet], o.target.c_str());
 }
 
