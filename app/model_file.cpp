@@ -18,8 +18,10 @@ namespace {
 constexpr int kNarrowFeatures = 26, kWideFeatures = 40, kClasses = 9;
 constexpr int kRows = 15, kNarrowBins = 128, kWideBins = 256, kLow = 5;  // of a template
 constexpr double kBinHertz = 31.25;
-constexpr std::size_t kDoubts = 5;  // numbers that are none are not told without end
 constexpr long long kMaxInt = std::numeric_limits<int>::max();
+// Parameters that the library counts and, as floats, the processor can address.
+constexpr long long kMostParameters = std::min<long long>(kMaxInt, PTRDIFF_MAX / 4);
+constexpr std::size_t kDoubts = 5;  // numbers that are none are not told without end
 
 class File {
 public:
@@ -174,8 +176,9 @@ ordered_json describe_model(const std::string& path) {
             products += inputs * sizes.back();
             needed += (inputs + 1) * sizes.back();
         }
-        if (needed > kMaxInt) {
-            file.fail(where, "a layer that keeps the parameters below 2^31", found(sizes.back()));
+        if (needed > kMostParameters) {
+            file.fail(where, format("a layer that keeps the parameters to %lld", kMostParameters),
+                      found(sizes.back()));
         }
     }
     Range weights;

@@ -14,21 +14,37 @@ namespace {
 
 using nlohmann::json;
 
-// Whether a session can be made with the file. In a process of its own: the library may assert.
-bool library_loads(const char* model, const char* bleep = nullptr) {
-    const pid_t child = fork();
-    if (child == 0) {
-        if (std::freopen("/dev/null", "w", stdout) == nullptr ||
-            std::freopen("/dev/null", "w", stderr) == nullptr) {
-            _exit(2);
-        }
-        tz_dnnvad::CMFE session;
-        const bool loaded = session.mfeInit_load_model(model, bleep) == 0;
-        _exit(loaded && (bleep == nullptr || session._m_n_bleep_detect != 0) ? 0 : 1);
+using Verdicts = std::vector<bool>;  // of files: usable
+using Files = std::deque<test::TempFile>;
+
+std::string names(const Files& files) {
+    std::string text;
+    for (const test::TempFile& file : files) {
+        text += std::string(" ") + file.path();
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return text;
+}
+
+// Whether a host can start with each model: it ends with 1, not 2 or an assertion, when nothing follows.
+Verdicts starts_host(const Files& files) {
+    std::istringstream statuses(
+        test::run("exec 2>/dev/null; for model in" + names(files) +
+                  "; do " DNNVAD_HOST " $model </dev/null >/dev/null; echo $?; done").output);
+    Verdicts usable;
+    for (int status; statuses >> status;) {
+        usable.push_back(status == 1);
+    }
+    return usable;
+}
+
+Verdicts loads_as_template(const Files& files) {
+    Verdicts usable;
+    for (const test::TempFile& file : files) {
+        tz_dnnvad::CMFE session;
+        session.mfeInit_load_model(test::source("models/vad8k.bin").c_str(), file.path());
+        usable.push_back(session._m_n_bleep_detect != 0);
+    }
+    return usable;
 }
 
 json info(const std::string& files) {
@@ -37,19 +53,28 @@ json info(const std::string& files) {
 
 // Runs info once on all contents and compares each verdict with the library's; explanations name a
 // byte within the file. Returns how many were refused.
-template <typename Loads>
-int compare(const std::vector<std::string>& contents, Loads loads) {
-    std::deque<test::TempFile> files;
-    std::string arguments;
+int compare(const std::vector<std::string>& contents, Verdicts (*library)(const Files&)) {
+    Files files;
     for (const std::string& content : contents) {
-        arguments += std::string(" ") + files.emplace_back(content).path();
+        files.emplace_back(content);
     }
-    const json all = info(arguments);
+    const json all = info(names(files));
+    const Verdicts usable = library(files);
     EXPECT_EQ(all.size(), contents.size());
+    EXPECT_EQ(usable.size(), contents.size());
     int refused = 0;
-    for (std::size_t i = 0; i < all.size(); ++i) {
+    for (std::size_t i = 0; i < std::min(all.size(), usable.size()); ++i) {
         const std::string error = all[i].value("error", "");
-        EXPECT_EQ(error.empty(), loads(files[i].path())) << i << ": " << all[i];
+        // Whether there is memory for what is claimed is the machine's to say.
+        constexpr double kPlenty = 1e8;
+        double claimed = 0;
+        if (error.empty() && !all[i]["doubts"].empty()) {
+            std::sscanf(all[i]["doubts"][0].get<std::string>().c_str(), "the layers need %lf", &claimed);
+        }
+        if (claimed > kPlenty) {
+            continue;
+        }
+        EXPECT_EQ(error.empty(), usable[i]) << i << ": " << all[i];
         long offset = -1;
         const std::size_t at = error.find(": at byte ");
         if (!error.empty()) {
@@ -105,7 +130,7 @@ TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
         wide.header[1] = rate;
         contents.push_back(wide.bytes());
     }
-    const int refused = compare(contents, [](const char* path) { return library_loads(path); });
+    const int refused = compare(contents, starts_host);
     EXPECT_GT(refused, 100);
     EXPECT_LT(refused, static_cast<int>(contents.size()) - 20);
 }
@@ -142,9 +167,7 @@ TEST(Info, DrawsATemplateAndAgreesWithTheLibraryOnSpoiltOnes) {
         spoilt[at] = 'x';
         contents.push_back(spoilt);
     }
-    const std::string model = test::source("models/vad8k.bin");
-    const auto loads = [&](const char* file) { return library_loads(model.c_str(), file); };
-    EXPECT_EQ(compare(contents, loads), 4);
+    EXPECT_EQ(compare(contents, loads_as_template), 4);
 }
 
 TEST(Bench, MeasuresBothBundledModels) {
