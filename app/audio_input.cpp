@@ -4,6 +4,7 @@
 #include <soxr.h>
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -32,6 +33,15 @@ SoundFile open_sound(const std::string& path, int mode, SF_INFO& info) {
 }
 
 }  // namespace
+
+void add_audio_options(CLI::App& command, AudioOptions& options) {
+    command.add_option("--raw", options.raw_rate,
+                       "Input is headerless 16-bit little-endian mono PCM of this rate")
+        ->type_name("HZ")->check(CLI::Range(1000, 384000));
+    command.add_option("--channel", options.channel,
+                       "Listen to this channel (1, 2, ...) instead of the average of all")
+        ->type_name("N")->check(CLI::Range(1, 1024));
+}
 
 struct AudioInput::File {
     std::string path;

@@ -7,10 +7,17 @@
 #include <string>
 #include <vector>
 
+namespace CLI {
+class App;
+}
+
 struct AudioOptions {
     int raw_rate = 0;  // Hz of headerless 16-bit mono PCM; 0: the file has a header
     int channel = 0;   // 1, 2, ...; 0: the average of all channels
 };
+
+// Adds --raw and --channel to a command.
+void add_audio_options(CLI::App& command, AudioOptions& options);
 
 // Any file that libsndfile reads, or standard input ("-"), read from front to end, a block at a time.
 class AudioInput {

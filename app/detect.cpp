@@ -159,12 +159,7 @@ void add_detect(CLI::App& program, Action& action) {
     command.add_option("files", options->files, "Recordings in any format of libsndfile; - reads WAV\n"
                        "(or --raw) from standard input, with results as they are decided")
         ->required()->type_name("FILE");
-    command.add_option("--raw", options->audio.raw_rate,
-                       "Input is headerless 16-bit little-endian mono PCM of this rate")
-        ->type_name("HZ")->check(CLI::Range(1000, 384000));
-    command.add_option("--channel", options->audio.channel,
-                       "Listen to this channel (1, 2, ...) instead of the average of all")
-        ->type_name("N")->check(CLI::Range(1, 1024));
+    add_audio_options(command, options->audio);
     std::vector<std::string> names;
     for (const SegmentFormat& form : segment_formats()) {
         names.emplace_back(form.name);

@@ -229,6 +229,30 @@ std::string doubts(CMFE& session) {
                   "time-outs will end utterances, not pauses", pause, wait);
 }
 
+std::vector<std::string> changed_parameters(CMFE& session) {
+    CMFE fresh;
+    const auto value = [](const Parameter& parameter, CMFE& of) -> double {
+        switch (parameter.id) {  // those that mfeGetParam cannot tell
+            case 9: return of._m_n_buf_frames;
+            case 11: return of._m_b_vad_enable ? 1 : 0;
+            case 14: return of._m_n_wait_after_minspeech;
+            default: return static_cast<double>(of.mfeGetParam(parameter.id));
+        }
+    };
+    std::vector<std::string> changed;
+    for (const Parameter& parameter : kParameters) {
+        const double now = value(parameter, session), usual = value(parameter, fresh);
+        if (now != usual && parameter.id != kSampleRate && parameter.id != kBleepDetect) {
+            const bool frames = parameter.unit == Unit::kFrames || parameter.unit == Unit::kSamples;
+            const double scale = frames ? kFrameMilliseconds : 1;
+            const char* const unit = frames ? " ms" : "";
+            changed.push_back(format("%s %g%s (default %g%s)", lower(parameter.name).c_str(), now * scale, unit,
+                                     usual * scale, unit));
+        }
+    }
+    return changed;
+}
+
 std::string config_lines(const std::vector<std::string>& set) {
     std::string lines;
     for (const std::string& assignment : set) {

@@ -38,6 +38,10 @@ std::string model_path(const SessionOptions& options, int recording_rate);
 // What a pause limit that the session can never reach leads to, as a warning; empty when all is well.
 std::string doubts(tz_dnnvad::CMFE& session);
 
+// What differs from the library's defaults, a line each: "max_sp_pause 600 ms (default 900 ms)". The
+// rate, which follows from the model, is left out.
+std::vector<std::string> changed_parameters(tz_dnnvad::CMFE& session);
+
 // A configuration file for the NAME=VALUE settings, PARAM_ lines; those without a key become comments.
 std::string config_lines(const std::vector<std::string>& set);
 

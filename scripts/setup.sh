@@ -10,7 +10,7 @@ set -uf
 # What compiles the library.
 BUILD="cmake g++ libkissfft-dev libsimde-dev ninja-build pkg-config"
 # The host program reads recordings through libsndfile and converts rates with libsoxr.
-DEMO="$BUILD libsndfile1-dev libsoxr-dev libasound2-dev libcli11-dev nlohmann-json3-dev"
+DEMO="$BUILD libsndfile1-dev libsoxr-dev libasound2-dev libcli11-dev nlohmann-json3-dev zlib1g-dev"
 LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
 # 32-bit ARM under the emulator. libc6-dev of a foreign architecture is not wanted: it conflicts with
 # the cross compiler's own. Native packages that must be of the same version as their foreign twins
