@@ -15,7 +15,8 @@ LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
 # 32-bit ARM under the emulator. libc6-dev of a foreign architecture is not wanted: it conflicts with
 # the cross compiler's own. Native packages that must be of the same version as their foreign twins
 # are named with them, so that apt raises both together.
-ARMHF_APP="libsndfile1-dev:armhf libsoxr-dev:armhf libasound2-dev:armhf"
+# (zlib1g-dev is for one architecture only: its headers serve all, the library is named in the presets)
+ARMHF_APP="libsndfile1-dev:armhf libsoxr-dev:armhf libasound2-dev:armhf zlib1g zlib1g:armhf"
 ARMHF="qemu-user g++-arm-linux-gnueabihf libne10-dev:armhf
        libc6 libstdc++6 libgcc-s1 libc6:armhf libstdc++6:armhf libgcc-s1:armhf"
 BENCH="$BUILD $ARMHF libbenchmark-dev"
@@ -29,7 +30,7 @@ QUALITY="$MODELS"
 # Packages for this machine and for 32-bit ARM, and the program that looks for faults in them.
 DEB="$DEMO $ARMHF $ARMHF_APP lintian"
 # The suite runs natively and on both emulated ARM targets, and a small training natively.
-TEST="$DEB $MODELS abigail-tools libgtest-dev libgtest-dev:armhf util-linux
+TEST="$DEB $MODELS abigail-tools chromium libgtest-dev libgtest-dev:armhf util-linux
       g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64"
 

@@ -29,7 +29,7 @@ printed=$("$@" "$root/usr/bin/dnnvad" detect "$recording") || die "the program f
 
 man=$(zcat "$root/usr/share/man/man1/dnnvad.1.gz")
 for command in $("$@" "$root/usr/bin/dnnvad" --help | sed -n '/^Subcommands:/,$ s/^  \([a-z-]*\) .*/\1/p'); do
-  grep -q "dnnvad ${command//-/.-}" <<<"${man//\\/}" || die "the man page does not know '$command'"
+  grep -qF "dnnvad $command" <<<"${man//\\/}" || die "the man page does not know '$command'"
 done
 # What the completion offers for a command and for an option.
 complete() {
