@@ -7,6 +7,7 @@
 #include <cmath>
 #include <cstdint>
 #include <filesystem>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <tuple>
 
@@ -95,12 +96,14 @@ struct Spectrogram {
         return out;
     }
 
-    // The level that this share of all cells stays below.
+    // The level that this share of the cells stays below; cells of 0, without a spectrum, do not count.
     int quantile(double share) const {
-        Bytes sorted = cells.empty() ? Bytes{0} : cells;
-        const double place = share * static_cast<double>(sorted.size() - 1);
-        const auto at = sorted.begin() + static_cast<std::ptrdiff_t>(place);
-        std::nth_element(sorted.begin(), at, sorted.end());
+        Bytes levels{0};
+        std::copy_if(cells.begin(), cells.end(), std::back_inserter(levels),
+                     [](int level) { return level > 0; });
+        const double place = share * static_cast<double>(levels.size() - 1);
+        const auto at = levels.begin() + static_cast<std::ptrdiff_t>(place);
+        std::nth_element(levels.begin(), at, levels.end());
         return *at;
     }
 
