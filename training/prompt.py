@@ -25,7 +25,7 @@ BANDWIDTHS = (80, 110, 160, 250, 400, 500)  # of the resonances, Hz
 # Notes: begin and length in seconds, pitch in Hz at begin and end, and where the mouth is when, as
 # shares of the length. The long i of the second note is what the template holds on to.
 NOTES = ((0.0, 0.19, 196.0, 202.0, (0.0, 0.2, 0.5, 0.9, 1.0)),
-         (0.22, 0.22, 262.0, 256.0, (0.0, 0.08, 0.12, 0.3, 1.0)))
+         (0.22, 0.27, 262.0, 256.0, (0.0, 0.08, 0.12, 0.3, 1.0)))
 VIBRATO, VIBRATO_DEPTH = 5.5, 0.012  # Hz, share of the pitch
 ATTACK, RELEASE = 0.012, 0.05  # seconds
 PEAK = 0.7  # of full scale
