@@ -101,7 +101,31 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
     return reporter.count();
 }
 
-int run(const Options& options) {
+// Refuses to write over a recording, and two recordings whose results would have one name.
+void check_names(const Options& options, bool to_folder) {
+    std::map<std::string, std::string> stems;
+    for (const std::string& file : options.files) {
+        std::error_code error;
+        if (fs::equivalent(file, options.output, error)) {
+            throw UsageError("-o " + options.output + " would overwrite a recording");
+        }
+        const fs::path folder = fs::path(file).has_parent_path() ? fs::path(file).parent_path() : ".";
+        if (fs::equivalent(folder, options.cut.folder, error)) {
+            throw UsageError("--cut " + options.cut.folder + " holds recordings: name another folder");
+        }
+        const auto [other, fresh] = stems.emplace(stem(file), file);
+        if (!fresh && (to_folder || !options.cut.folder.empty())) {
+            throw UsageError(other->second + " and " + file + " would give files of the same name");
+        }
+    }
+}
+
+int run(Options options) {
+    options.output = options.output == "-" ? "" : options.output;
+    if (!options.output.empty() && options.output.back() == '/') {
+        std::error_code error;
+        fs::create_directories(options.output, error);  // (opening files in it tells what is wrong)
+    }
     const auto& formats = segment_formats();
     const SegmentFormat& form =
         *std::find_if(formats.begin(), formats.end(),
@@ -111,6 +135,7 @@ int run(const Options& options) {
     if (several && form.one_recording && !to_folder) {
         throw UsageError("format " + options.format + " holds one recording: name a folder with -o");
     }
+    check_names(options, to_folder);
     std::unique_ptr<OutputFile> file;
     std::unique_ptr<SegmentWriter> writer;
     const auto open_writer = [&](const std::string& path) {
@@ -168,7 +193,7 @@ void add_detect(CLI::App& program, Action& action) {
         ->check(CLI::IsMember(names))->capture_default_str();
     command.add_option("-o,--output", options->output,
                        "Write to this file instead of standard output, or into this folder a file\n"
-                       "for each recording")->type_name("PATH");
+                       "for each recording (NAME/ is made where there is none)")->type_name("PATH");
     add_cut_options(command, options->cut);
     add_session_options(command, options->session);
     command.callback([options, &action] {

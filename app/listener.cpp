@@ -14,6 +14,7 @@ namespace {
 constexpr double kFrameSeconds = 0.01;
 constexpr int kFirstSpeechClass = 3, kClasses = 9;
 constexpr int kCounterFull = -118;  // the session has counted to 2^31 samples
+constexpr int kSpeechTail = 40;        // frames after the last one judged speech that may still sound so
 constexpr double kFullScale = 32768.0;
 
 enum Status { kNotStarted = 0, kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
@@ -154,11 +155,16 @@ void Listener::forget(bool prompt) {
 // may begin at this very moment: the margin before it is pushed again, as far as that cannot
 // bring a time-out by itself.
 void Listener::restart() {
+    int frames = session_._m_n_head_sil / 2;
+    if (session_._m_n_last_speech != 0) {
+        // Nor may it reach back into the speech that the session has just dealt with.
+        const int silent = session_._m_n_pass_first_frame - session_._m_n_last_speech;
+        frames = std::min(frames, silent - kSpeechTail);
+    }
     session_.mfeReset();
     reported_ = 0;
     const std::size_t longest =
-        static_cast<std::size_t>(std::max(0, session_._m_n_head_sil / 2)) *
-        static_cast<std::size_t>(chunk_);
+        static_cast<std::size_t>(std::max(0, frames)) * static_cast<std::size_t>(chunk_);
     const std::size_t whole = std::min(history_.size(), longest) / static_cast<std::size_t>(chunk_) *
                               static_cast<std::size_t>(chunk_);
     const std::vector<short> lead(history_.end() - static_cast<std::ptrdiff_t>(whole),

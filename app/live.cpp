@@ -252,7 +252,7 @@ void add_live(CLI::App& program, Action& action) {
     command.add_option("--seconds", options->seconds, "End after this much of the stream")
         ->check(CLI::Range(0.01, 1e9))->type_name("N");
     command.add_flag("--once", options->once,
-                     "End after the first utterance; status 1 if a time-out or the end comes first.\n"
+                     "End after the first utterance; status 1 if there was no speech in time or at all.\n"
                      "If standard output is no terminal it gets the utterance as a WAV file, and\n"
                      "standard error the events");
     command.add_flag("--list", options->list, "List the capture devices");

@@ -15,12 +15,17 @@ int main(int argc, char** argv) {
     program.add_option("--library-log", library_log, "Append the library's diagnostic lines to this file")
         ->type_name("FILE");
     program.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return std::string("dnnvad: ") + error.what() + "\n";
+        return std::string("dnnvad: ") + error.what() + " (--help tells more)\n";
     });
     Action action;
     for (const auto add : {add_detect, add_live, add_plot, add_tune, add_info, add_bench,
                            add_record_bleep}) {
         add(program, action);
+    }
+    if (argc > 1 && *argv[1] != '-' &&
+        program.get_subcommands([&](CLI::App* command) { return command->check_name(argv[1]); }).empty()) {
+        std::fprintf(stderr, "dnnvad: there is no command '%s'; dnnvad --help lists them\n", argv[1]);
+        return 2;
     }
     try {
         program.parse(argc, argv);

@@ -180,7 +180,7 @@ std::unique_ptr<SegmentWriter> make(FILE* stream) {
 
 const std::vector<SegmentFormat>& segment_formats() {
     static const std::vector<SegmentFormat> formats{
-        {"table", ".txt", false, make<TableWriter>},   {"json", ".json", false, make<JsonWriter>},
+        {"table", ".table", false, make<TableWriter>},   {"json", ".json", false, make<JsonWriter>},
         {"csv", ".csv", false, make<CsvWriter>},       {"rttm", ".rttm", false, make<RttmWriter>},
         {"audacity", ".txt", true, make<AudacityWriter>},
         {"textgrid", ".TextGrid", true, make<TextGridWriter>},

@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -22,6 +23,7 @@ constexpr double kFrameMilliseconds = 10.0;
 constexpr int kBufferReserve = 100;    // frames
 constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
 constexpr char kPrefix[] = "PARAM_";
+constexpr int kMostWarnings = 5;
 
 enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
 
@@ -69,7 +71,7 @@ std::string lower(std::string text) {
 const Parameter& parameter_named(const std::string& name) {
     std::string known;
     for (const Parameter& parameter : kParameters) {
-        if (lower(parameter.name) == lower(name)) {
+        if (lower(parameter.name) == lower(name) || lower(kPrefix + std::string(parameter.name)) == lower(name)) {
             return parameter;
         }
         known += "\n  " + lower(parameter.name);
@@ -116,16 +118,36 @@ cfg_vad_t read_config(const std::string& path) {
     return config;
 }
 
+bool is_key(const std::string& key) {
+    const auto named = [&](const Parameter& p) { return p.value != nullptr && kPrefix + std::string(p.name) == key; };
+    return std::any_of(std::begin(kParameters), std::end(kParameters), named);
+}
+
 // Keys of a configuration file with a value that readcfg takes: its record cannot tell a value of zero
-// from a key that is not there.
-std::set<std::string> keys_of(const std::string& path) {
+// from a key that is not there. Warns, if told to, of lines that have no effect or another than they seem to.
+std::set<std::string> keys_of(const std::string& path, bool warn) {
+    static const std::set<std::string> texts{"PARAM_DNN_FILE", "PARAM_CMVN_FILE", "PARAM_SPEECH_OFFSET"};
     std::set<std::string> keys;
     std::ifstream file(path);
+    int number = 0, warnings = 0;
     for (std::string line; std::getline(file, line);) {
-        const std::size_t colon = line.find(':');
-        float number;
-        if (colon != std::string::npos && std::sscanf(line.c_str() + colon + 1, "%f", &number) == 1) {
-            keys.insert(line.substr(0, colon));
+        ++number;
+        const std::size_t colon = std::min(line.find(':'), line.size());
+        const std::string key = line.substr(0, colon);
+        float value;
+        int used = 0;
+        const bool known = is_key(key);
+        const bool taken = known && std::sscanf(line.c_str() + colon, ":%f %n", &value, &used) == 1;
+        if (taken) {
+            keys.insert(key);
+        }
+        const bool blank = line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#';
+        const bool whole = taken && colon + static_cast<std::size_t>(used) == line.size();
+        if (warn && !blank && !whole && texts.count(key) == 0 && ++warnings <= kMostWarnings) {
+            std::fprintf(stderr, "dnnvad: warning: %s: line %d %s\n", path.c_str(), number,
+                         !known  ? "is no PARAM_NAME:value that the session knows"
+                         : taken ? "has more than a number, in frames where it is a time"
+                                 : "has no number");
         }
     }
     return keys;
@@ -153,7 +175,8 @@ void lengthen_buffer(CMFE& session) {
 
 // The host's part of a configuration: what the file sets, then what --set says, in the table's order.
 void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session) {
-    const std::set<std::string> keys = keys_of(options.config);
+    static std::atomic<bool> warned{false};  // once, however many sessions take the file
+    const std::set<std::string> keys = keys_of(options.config, !options.config.empty() && !warned.exchange(true));
     std::map<int, std::string> chosen;
     for (const std::string& assignment : options.set) {
         const auto [parameter, text] = split(assignment);
@@ -209,10 +232,15 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     apply(options, read_config(options.config), *session);
     const std::string model = model_path(options, recording_rate);
     const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
+    const auto about = bleep != nullptr ? describe_file(options.bleep) : nlohmann::ordered_json();
     const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
     check_model(model);
     if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
         throw Failure(model, "there is no memory for this network model");
+    }
+    if (bleep != nullptr && about.value("bins", 0) != session->_m_n_fft_size) {
+        throw Failure(options.bleep, format("no template for models of %s Hz",
+                                            session->_m_b_16k_model ? "16000" : "8000"));
     }
     if (bleep != nullptr && wanted && session->mfeGetParam(kBleepDetect) == 0) {
         throw Failure(options.bleep, "not a usable template for this model (dnnvad info tells more)");

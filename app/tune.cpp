@@ -72,8 +72,8 @@ struct Collector : Watcher {
 
 Recording read(const Options& o, const std::string& file) {
     Recording r{};
-    r.references = read_labels(o.labels, std::filesystem::path(file).stem().string(), o.join);
     r.rate = AudioInput(file, {}).rate();
+    r.references = read_labels(o.labels, std::filesystem::path(file).stem().string(), o.join);
     const auto session = open_session(o.session, r.rate);
     r.samples = read_recording(file, static_cast<int>(session->mfeGetParam(kSampleRate)));
     r.seconds = static_cast<double>(r.samples.size()) / session->mfeGetParam(kSampleRate);
@@ -259,6 +259,12 @@ void write_config(const Options& o, const Setting& best, FILE* stream) {
 int run(const Options& o) {
     if (!o.output.empty() && o.session.model.find_first_of(" \t\r\n") != std::string::npos) {
         throw UsageError("-o: a configuration file cannot name a model with blanks in its path");
+    }
+    for (const std::string& file : o.files) {
+        std::error_code error;
+        if (std::filesystem::equivalent(file, o.output, error)) {
+            throw UsageError("-o " + o.output + " would overwrite a recording");
+        }
     }
     std::vector<Setting> all = settings(o);
     const auto config = o.output.empty() ? nullptr : std::make_unique<OutputFile>(o.output);

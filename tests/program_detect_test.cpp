@@ -240,6 +240,10 @@ TEST(Detect, TakesParametersFromFileAndByName) {
     // A pause limit of 200 ms parts the second utterance of the stream, whose pauses are longer.
     const std::string stream = "dnnvad detect " + kStream;
     EXPECT_GT(table(run(stream + " --set max_sp_pause=0.2s").output).size(), table(run(stream).output).size());
+    const test::TempFile odd("PARAM_MAX_SP_PAUSE:60\n\n# nothing\nPARAM_BLEEP_DETECT:1 s\nmax_sp_pause=3\n");
+    const std::string told = run("dnnvad detect --config " + std::string(odd.path()) + " " + kStream +
+                                 " 2>&1 >/dev/null").output;
+    EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
     EXPECT_NE(run(stream + " --set max_sp_pause=2s 2>&1 >/dev/null").output.find("not below max_wait"),
               std::string::npos);
 }
@@ -264,6 +268,23 @@ TEST(Detect, ListensOnAfterTimeOuts) {
                     static_cast<double>(word.size()) / 8000 + silence, 0.1) << silence;
         EXPECT_NEAR(found[1].first - found[1].start, 0.4, 0.011) << silence;
     }
+    // However long the margin, what was heard again is not an utterance again.
+    const std::vector<Line> wide = table(run("dnnvad detect --margin 3s " + kRoadsigns).output);
+    ASSERT_EQ(wide.size(), rows.size());
+    for (std::size_t k = 0; k < rows.size(); ++k) {
+        EXPECT_NEAR(wide[k].first, rows[k].first, 0.05);
+    }
+}
+
+TEST(Detect, WritesOverNoRecording) {
+    const test::TempDir folder;
+    const std::string copy = folder.path() + "/a.wav", content = read_file(kRoadsigns);
+    std::ofstream(copy, std::ios::binary) << content;
+    EXPECT_EQ(run("dnnvad detect -o " + copy + " " + copy + " 2>&1").status, 2);
+    EXPECT_EQ(run("cd " + folder.path() + "; dnnvad detect --cut . a.wav 2>&1").status, 2);
+    EXPECT_EQ(run("dnnvad detect -o " + folder.path() + "/x/ " + copy + " " + copy + " 2>&1").status, 2);
+    EXPECT_EQ(run("dnnvad tune --labels " + source("samples") + " -o " + copy + " " + copy + " 2>&1").status, 2);
+    EXPECT_EQ(read_file(copy), content);
 }
 
 TEST(Detect, GoesThroughSeveralRecordings) {
@@ -293,7 +314,7 @@ TEST(Detect, SaysWhatIsWrong) {
     const test::TempDir folder;
     const std::string text = source("LICENSE");
     for (const std::string& arguments :
-         {std::string(""), std::string("detect"), "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
+         {std::string(""), std::string("detect"), std::string("detct x"), "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
           "detect --set nothing=1 " + kRoadsigns, "detect --set max_sp_pause=soon " + kRoadsigns,
           "detect --set dnn_speech_threshold=1s " + kRoadsigns, "detect --margin -1 " + kRoadsigns}) {
         const test::Result result = run("dnnvad " + arguments + " 2>&1 >/dev/null");
@@ -303,7 +324,8 @@ TEST(Detect, SaysWhatIsWrong) {
     EXPECT_EQ(run("dnnvad --help").status, 0);
     for (const std::string& arguments :
          {text, std::string("/nonexistent.wav"), "--model " + text + " " + kRoadsigns,
-          "--bleep " + text + " " + kRoadsigns, "--config /nonexistent " + kRoadsigns,
+          "--bleep " + text + " " + kRoadsigns,
+          "--bleep " + source("models/bleep16k.txt") + " " + kRoadsigns, "--config /nonexistent " + kRoadsigns,
           "-o /nonexistent/x " + kRoadsigns, "--cut /dev/null/x " + kRoadsigns,
           kRoadsigns + " -o " + folder.path() + "/out --model " + text, kRoadsigns + " >/dev/full"}) {
         const test::Result result = run("{ dnnvad detect " + arguments + "; } 2>&1 >/dev/null");
