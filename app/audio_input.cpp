@@ -16,16 +16,19 @@
 namespace {
 
 constexpr float kFullScale = 32768.0F;
-constexpr std::size_t kBlock = 160;  // frames read at once: what is spoken into a pipe is not delayed
-constexpr int kWavHeader = 44;       // bytes
+constexpr std::size_t kBlock =
+    160;                        // frames read at once: what is spoken into a pipe is not delayed
+constexpr int kWavHeader = 44;  // bytes
 
 using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
 SoundFile open_sound(const std::string& path, int mode, SF_INFO& info) {
     SoundFile file(path == "-" ? sf_open_fd(STDIN_FILENO, mode, &info, SF_FALSE)
-                               : sf_open(path.c_str(), mode, &info), sf_close);
+                               : sf_open(path.c_str(), mode, &info),
+                   sf_close);
     if (file == nullptr) {
-        std::string why = sf_error(nullptr) == SF_ERR_SYSTEM ? std::strerror(errno) : sf_strerror(nullptr);
+        std::string why =
+            sf_error(nullptr) == SF_ERR_SYSTEM ? std::strerror(errno) : sf_strerror(nullptr);
         why.erase(why.find_last_not_of(" .\n") + 1);
         throw Failure(path == "-" ? "standard input" : path, why);
     }
@@ -35,12 +38,16 @@ SoundFile open_sound(const std::string& path, int mode, SF_INFO& info) {
 }  // namespace
 
 void add_audio_options(CLI::App& command, AudioOptions& options) {
-    command.add_option("--raw", options.raw_rate,
-                       "Input is headerless 16-bit little-endian mono PCM of this rate")
-        ->type_name("HZ")->check(CLI::Range(1000, 384000));
-    command.add_option("--channel", options.channel,
-                       "Listen to this channel (1, 2, ...) instead of the average of all")
-        ->type_name("N")->check(CLI::Range(1, 1024));
+    command
+        .add_option("--raw", options.raw_rate,
+                    "Input is headerless 16-bit little-endian mono PCM of this rate")
+        ->type_name("HZ")
+        ->check(CLI::Range(1000, 384000));
+    command
+        .add_option("--channel", options.channel,
+                    "Listen to this channel (1, 2, ...) instead of the average of all")
+        ->type_name("N")
+        ->check(CLI::Range(1, 1024));
 }
 
 struct AudioInput::File {
@@ -55,12 +62,14 @@ AudioInput::AudioInput(const std::string& path, const AudioOptions& options)
     : file_(std::make_unique<File>()) {
     file_->path = path;
     if (options.raw_rate > 0) {
-        file_->info = {0, options.raw_rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0, 0};
+        file_->info = {
+            0, options.raw_rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0, 0};
     }
     file_->sound = open_sound(path, SFM_READ, file_->info);
     file_->channel = options.channel;
     if (options.channel > file_->info.channels) {
-        throw Failure(path, format("has %d channels, not %d", file_->info.channels, options.channel));
+        throw Failure(path,
+                      format("has %d channels, not %d", file_->info.channels, options.channel));
     }
 }
 
@@ -77,8 +86,8 @@ double AudioInput::seconds() const {
 std::size_t AudioInput::read(float* samples, std::size_t count) {
     const auto channels = static_cast<std::size_t>(file_->info.channels);
     file_->block.resize(count * channels);
-    const sf_count_t got = sf_readf_float(file_->sound.get(), file_->block.data(),
-                                          static_cast<sf_count_t>(count));
+    const sf_count_t got =
+        sf_readf_float(file_->sound.get(), file_->block.data(), static_cast<sf_count_t>(count));
     if (sf_error(file_->sound.get()) != SF_ERR_NO_ERROR) {
         throw Failure(file_->path, sf_strerror(file_->sound.get()));
     }
@@ -101,8 +110,8 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
 struct PcmReader::Converter {
     AudioInput& input;
     std::unique_ptr<soxr, void (*)(soxr_t)> resampler{nullptr, soxr_delete};
-    std::vector<float> in, out;   // a block before and after conversion
-    std::size_t first = 0;        // sample of `out` that comes next
+    std::vector<float> in, out;  // a block before and after conversion
+    std::size_t first = 0;       // sample of `out` that comes next
     bool ended = false;
     double read_seconds = 0;
     long long clipped = 0;
@@ -132,10 +141,11 @@ struct PcmReader::Converter {
         std::size_t done = 0, produced = 0;
         do {
             std::size_t used = 0;
-            soxr_process(resampler.get(), samples == nullptr ? nullptr : samples + done, count - done,
-                         &used, piece.data(), piece.size(), &produced);
+            soxr_process(resampler.get(), samples == nullptr ? nullptr : samples + done,
+                         count - done, &used, piece.data(), piece.size(), &produced);
             done += used;
-            out.insert(out.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(produced));
+            out.insert(out.end(), piece.begin(),
+                       piece.begin() + static_cast<std::ptrdiff_t>(produced));
         } while (done < count || produced == piece.size());
     }
 
@@ -203,9 +213,9 @@ void write_wav(FILE* stream, const std::vector<short>& samples, int rate) {
     };
     const auto hertz = static_cast<std::uint32_t>(rate);
     put(4, bytes + kWavHeader - 8, 4);
-    put(16, 16, 4);         // length of the format chunk
-    put(20, 1, 2);          // PCM
-    put(22, 1, 2);          // channels
+    put(16, 16, 4);  // length of the format chunk
+    put(20, 1, 2);   // PCM
+    put(22, 1, 2);   // channels
     put(24, hertz, 4);
     put(28, 2 * hertz, 4);  // bytes per second
     put(32, 2, 2);          // bytes per frame
@@ -224,7 +234,8 @@ struct WavFile::File {
     SoundFile sound;
 };
 
-WavFile::WavFile(const std::string& path, int rate) : file_(new File{PendingFile(path), {}, {nullptr, sf_close}}) {
+WavFile::WavFile(const std::string& path, int rate)
+    : file_(new File{PendingFile(path), {}, {nullptr, sf_close}}) {
     file_->info = {0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
     file_->sound = open_sound(file_->pending.path(), SFM_WRITE, file_->info);
 }

@@ -25,8 +25,8 @@ public:
     AudioInput(const std::string& path, const AudioOptions& options);  // throws Failure
     ~AudioInput();
 
-    int rate() const;         // Hz, as recorded
-    double seconds() const;   // length; 0 when it is not known, as for a pipe
+    int rate() const;        // Hz, as recorded
+    double seconds() const;  // length; 0 when it is not known, as for a pipe
     // Up to `count` samples of the one channel, full scale = 1; fewer only at the end. Throws Failure.
     std::size_t read(float* samples, std::size_t count);
 

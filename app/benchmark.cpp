@@ -101,9 +101,15 @@ ordered_json measure(const Options& options, const std::string& model) {
     }
     std::sort(frames.begin(), frames.end());
     const double mean = sum / static_cast<double>(count);
-    return {{"model", model}, {"rate_hz", rate}, {"frames", count}, {"real_time_factor", mean / 1e4},
-            {"mean_us", mean}, {"median_us", at_share(frames, 0.5)}, {"p99_us", at_share(frames, 0.99)},
-            {"allocations_per_frame", calls / static_cast<double>(count)}, {"session_bytes", bytes},
+    return {{"model", model},
+            {"rate_hz", rate},
+            {"frames", count},
+            {"real_time_factor", mean / 1e4},
+            {"mean_us", mean},
+            {"median_us", at_share(frames, 0.5)},
+            {"p99_us", at_share(frames, 0.99)},
+            {"allocations_per_frame", calls / static_cast<double>(count)},
+            {"session_bytes", bytes},
             {"load_ms", at_share(loads, 0.5) / 1000}};
 }
 
@@ -124,8 +130,9 @@ int run(const Options& options) {
                      out.dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());
         return 0;
     }
-    std::fprintf(results(), "of real time   us a frame: mean   median     99 %%   allocations"
-                            "   session KB   load ms  model\n");
+    std::fprintf(results(),
+                 "of real time   us a frame: mean   median     99 %%   allocations"
+                 "   session KB   load ms  model\n");
     for (const ordered_json& m : all) {
         const auto number = [&m](const char* key) { return m[key].get<double>(); };
         std::fprintf(results(), "%10.3f %% %17.2f %8.2f %8.2f %13.2f %12.0f %9.2f  %s\n",
@@ -143,13 +150,18 @@ int run(const Options& options) {
 void add_bench(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand("bench", "Measure speed and memory on this device");
-    command.add_option("recording", options->recording, "Recording to listen to (default: synthetic)")
+    command
+        .add_option("recording", options->recording, "Recording to listen to (default: synthetic)")
         ->type_name("FILE");
-    command.add_option("--model", options->models, "Network model, repeatable (default: the bundled)")
-        ->type_name("FILE")->allow_extra_args(false);
+    command
+        .add_option("--model", options->models, "Network model, repeatable (default: the bundled)")
+        ->type_name("FILE")
+        ->allow_extra_args(false);
     command.add_option("--seconds", options->seconds, "How much of it; a recording is repeated")
-        ->check(CLI::Range(0.1, 36000.0))->capture_default_str();
+        ->check(CLI::Range(0.1, 36000.0))
+        ->capture_default_str();
     command.add_option("-f,--format", options->format, "How it is written")
-        ->check(CLI::IsMember({"table", "json"}))->capture_default_str();
+        ->check(CLI::IsMember({"table", "json"}))
+        ->capture_default_str();
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -25,7 +25,8 @@ Capture::Capture(const std::string& device, int rate, const volatile std::sig_at
     // A device that has only other rates or more channels is opened anew through ALSA's converter.
     const auto hertz = static_cast<unsigned>(rate);
     if (!configure(hertz) && (open("plug:SLAVE='" + device + "'") < 0 || !configure(hertz))) {
-        throw Failure(device, format("offers no 16-bit capture at %d Hz, not even converted", rate));
+        throw Failure(device,
+                      format("offers no 16-bit capture at %d Hz, not even converted", rate));
     }
 }
 
@@ -41,7 +42,8 @@ int Capture::open(const std::string& device) {
 bool Capture::configure(unsigned rate) {
     snd_pcm_t* const pcm = pcm_.get();
     snd_pcm_hw_params_t* params = nullptr;
-    snd_pcm_uframes_t period = rate / kPeriodsPerSecond, buffer = kBufferPeriods * period;  // or nearly
+    snd_pcm_uframes_t period = rate / kPeriodsPerSecond,
+                      buffer = kBufferPeriods * period;  // or nearly
     const bool done =
         snd_pcm_hw_params_malloc(&params) >= 0 && snd_pcm_hw_params_any(pcm, params) >= 0 &&
         snd_pcm_hw_params_set_rate_resample(pcm, params, 1) >= 0 &&

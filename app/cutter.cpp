@@ -6,10 +6,13 @@
 #include "program.h"
 
 void add_cut_options(CLI::App& command, CutOptions& options) {
-    command.add_option("--cut", options.folder, "Write every utterance to a WAV file in this folder")
+    command
+        .add_option("--cut", options.folder, "Write every utterance to a WAV file in this folder")
         ->type_name("DIR");
-    command.add_option("--margin", options.margin,
-                       "Audio kept before and after speech, as 40 (frames) or 300ms")->type_name("TIME");
+    command
+        .add_option("--margin", options.margin,
+                    "Audio kept before and after speech, as 40 (frames) or 300ms")
+        ->type_name("TIME");
 }
 
 void apply_margin(const CutOptions& options, SessionOptions& session) {
@@ -33,7 +36,8 @@ Cutter::Cutter(const CutOptions& options, std::string name, int rate)
 }
 
 void Cutter::begin(const Utterance&) {
-    path_ = (std::filesystem::path(folder_) / format("%s-%03d.wav", name_.c_str(), number_ + 1)).string();
+    path_ = (std::filesystem::path(folder_) / format("%s-%03d.wav", name_.c_str(), number_ + 1))
+                .string();
     file_ = std::make_unique<WavFile>(path_, rate_);
 }
 

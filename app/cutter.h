@@ -23,7 +23,8 @@ void apply_margin(const CutOptions& options, SessionOptions& session);
 // Writes FOLDER/NAME-001.wav, -002, ...; a file appears when its utterance has ended.
 class Cutter {
 public:
-    Cutter(const CutOptions& options, std::string name, int rate);  // makes the folder; throws Failure
+    Cutter(const CutOptions& options, std::string name,
+           int rate);  // makes the folder; throws Failure
     void begin(const Utterance&);
     void write(const short* samples, int count);
     std::string keep();  // the path of the finished file

@@ -33,7 +33,11 @@ class Reporter : public Watcher {
 public:
     Reporter(std::string file, SegmentWriter& writer, FILE* stream, Cutter* cutter,
              Progress& progress)
-        : file_(std::move(file)), writer_(writer), stream_(stream), cutter_(cutter), progress_(progress) {}
+        : file_(std::move(file)),
+          writer_(writer),
+          stream_(stream),
+          cutter_(cutter),
+          progress_(progress) {}
 
     void began(const Utterance& u) override {
         if (cutter_ != nullptr) {
@@ -69,8 +73,8 @@ private:
 };
 
 // Detects in one recording; returns the number of utterances.
-int detect_file(const Options& options, const std::string& file, SegmentWriter& writer, FILE* stream,
-                Progress& progress) {
+int detect_file(const Options& options, const std::string& file, SegmentWriter& writer,
+                FILE* stream, Progress& progress) {
     AudioInput input(file, options.audio);
     const auto session = open_session(options.session, input.rate());
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
@@ -91,8 +95,8 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
         progress.show(display_name(file), reader.share());
     }
     listener.finish();
-    writer.end({display_name(file), input.rate(), model_path(options.session, input.rate()), listener.seconds(),
-                reader.clipped()});
+    writer.end({display_name(file), input.rate(), model_path(options.session, input.rate()),
+                listener.seconds(), reader.clipped()});
     progress.clear();
     if (reader.clipped() > 0) {
         std::fprintf(stderr, "dnnvad: warning: %s: %lld samples beyond full scale were clipped\n",
@@ -109,9 +113,11 @@ void check_names(const Options& options, bool to_folder) {
         if (fs::equivalent(file, options.output, error)) {
             throw UsageError("-o " + options.output + " would overwrite a recording");
         }
-        const fs::path folder = fs::path(file).has_parent_path() ? fs::path(file).parent_path() : ".";
+        const fs::path folder =
+            fs::path(file).has_parent_path() ? fs::path(file).parent_path() : ".";
         if (fs::equivalent(folder, options.cut.folder, error)) {
-            throw UsageError("--cut " + options.cut.folder + " holds recordings: name another folder");
+            throw UsageError("--cut " + options.cut.folder +
+                             " holds recordings: name another folder");
         }
         const auto [other, fresh] = stems.emplace(stem(file), file);
         if (!fresh && (to_folder || !options.cut.folder.empty())) {
@@ -133,7 +139,8 @@ int run(Options options) {
     const bool to_folder = fs::is_directory(options.output);
     const bool several = options.files.size() > 1;
     if (several && form.one_recording && !to_folder) {
-        throw UsageError("format " + options.format + " holds one recording: name a folder with -o");
+        throw UsageError("format " + options.format +
+                         " holds one recording: name a folder with -o");
     }
     check_names(options, to_folder);
     std::unique_ptr<OutputFile> file;
@@ -152,7 +159,8 @@ int run(Options options) {
     for (const std::string& recording : options.files) {
         try {
             if (to_folder) {
-                open_writer((fs::path(options.output) / (stem(recording) + form.extension)).string());
+                open_writer(
+                    (fs::path(options.output) / (stem(recording) + form.extension)).string());
             }
             utterances += detect_file(options, recording, *writer,
                                       file != nullptr ? file->stream() : results(), progress);
@@ -181,19 +189,25 @@ int run(Options options) {
 void add_detect(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand("detect", "Find the utterances of recordings");
-    command.add_option("files", options->files, "Recordings in any format of libsndfile; - reads WAV\n"
-                       "(or --raw) from standard input, with results as they are decided")
-        ->required()->type_name("FILE");
+    command
+        .add_option("files", options->files,
+                    "Recordings in any format of libsndfile; - reads WAV\n"
+                    "(or --raw) from standard input, with results as they are decided")
+        ->required()
+        ->type_name("FILE");
     add_audio_options(command, options->audio);
     std::vector<std::string> names;
     for (const SegmentFormat& form : segment_formats()) {
         names.emplace_back(form.name);
     }
     command.add_option("-f,--format", options->format, "How utterances are written")
-        ->check(CLI::IsMember(names))->capture_default_str();
-    command.add_option("-o,--output", options->output,
-                       "Write to this file instead of standard output, or into this folder a file\n"
-                       "for each recording (NAME/ is made where there is none)")->type_name("PATH");
+        ->check(CLI::IsMember(names))
+        ->capture_default_str();
+    command
+        .add_option("-o,--output", options->output,
+                    "Write to this file instead of standard output, or into this folder a file\n"
+                    "for each recording (NAME/ is made where there is none)")
+        ->type_name("PATH");
     add_cut_options(command, options->cut);
     add_session_options(command, options->session);
     command.callback([options, &action] {

@@ -18,7 +18,8 @@ struct Options {
 };
 
 ordered_json about_program() {
-    ordered_json out{{"program", "dnnvad " DNNVAD_VERSION}, {"library", "linked in, " DNNVAD_VERSION},
+    ordered_json out{{"program", "dnnvad " DNNVAD_VERSION},
+                     {"library", "linked in, " DNNVAD_VERSION},
                      {"fft", DNNVAD_FFT_NAME}};
     for (const char* const name : {"vad8k.bin", "vad16k.bin", "bleep8k.txt", "bleep16k.txt"}) {
         const std::string path = bundled_file(name);
@@ -96,8 +97,10 @@ void add_info(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand(
         "info", "Say what is in a network model or a bleep template, or about the program");
-    command.add_option("files", options->files, "Network models and bleep templates")->type_name("FILE");
+    command.add_option("files", options->files, "Network models and bleep templates")
+        ->type_name("FILE");
     command.add_option("-f,--format", options->format, "How it is written")
-        ->check(CLI::IsMember({"text", "json"}))->capture_default_str();
+        ->check(CLI::IsMember({"text", "json"}))
+        ->capture_default_str();
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -61,7 +61,8 @@ Interval checked(double from, double to, const std::string& path, int line) {
         throw broken(path, line, "a time is not finite");
     }
     if (from < 0 || to < from) {
-        throw broken(path, line, from < 0 ? "begins before the recording" : "ends before it begins");
+        throw broken(path, line,
+                     from < 0 ? "begins before the recording" : "ends before it begins");
     }
     constexpr double kSteps = 1e6;  // a second: start + length then ends where the same end would
     return {std::round(from * kSteps) / kSteps, std::round(to * kSteps) / kSteps};
@@ -155,7 +156,8 @@ std::size_t read_textgrid(const std::string& path, std::vector<Interval>& speech
 std::size_t read_lines(const std::string& path, const std::string& stem, bool rttm,
                        std::vector<Interval>& speech) {
     std::string name = stem;
-    std::replace_if(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); }, '_');
+    std::replace_if(
+        name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); }, '_');
     std::istringstream lines(read_text(path));
     std::size_t seen = 0;
     int number = 0;
@@ -163,7 +165,8 @@ std::size_t read_lines(const std::string& path, const std::string& stem, bool rt
         ++number;
         std::istringstream fields(line);
         std::string first, recording = name, from, to, text;
-        if (!(fields >> first) || (rttm ? first != "SPEAKER" : first[0] == '\\' || first[0] == '#')) {
+        if (!(fields >> first) ||
+            (rttm ? first != "SPEAKER" : first[0] == '\\' || first[0] == '#')) {
             continue;
         }
         rttm ? fields >> recording >> text >> from >> to : (from = first, fields >> to);
@@ -191,8 +194,9 @@ std::vector<Interval> find_labels(const fs::path& folder, const std::string& ste
         if (!fs::exists(path)) {
             continue;
         }
-        if ((extension == ".TextGrid" ? read_textgrid(path, speech)
-                                      : read_lines(path, stem, extension == ".rttm", speech)) == 0) {
+        if ((extension == ".TextGrid"
+                 ? read_textgrid(path, speech)
+                 : read_lines(path, stem, extension == ".rttm", speech)) == 0) {
             throw Failure(path, "holds no label of " + stem);
         }
         return speech;
@@ -210,8 +214,9 @@ std::vector<Interval> find_labels(const fs::path& folder, const std::string& ste
             return speech;
         }
     }
-    throw Failure((folder / stem).string(),
-                  error ? error.message() : "no .TextGrid, .txt or .rttm file labels this recording");
+    throw Failure(
+        (folder / stem).string(),
+        error ? error.message() : "no .TextGrid, .txt or .rttm file labels this recording");
 }
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace {
 constexpr double kFrameSeconds = 0.01;
 constexpr int kFirstSpeechClass = 3, kClasses = 9;
 constexpr int kCounterFull = -118;  // the session has counted to 2^31 samples
-constexpr int kSpeechTail = 40;        // frames after the last one judged speech that may still sound so
+constexpr int kSpeechTail = 40;  // frames after the last one judged speech that may still sound so
 constexpr double kFullScale = 32768.0;
 
 enum Status { kNotStarted = 0, kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
@@ -165,8 +165,8 @@ void Listener::restart() {
     reported_ = 0;
     const std::size_t longest =
         static_cast<std::size_t>(std::max(0, frames)) * static_cast<std::size_t>(chunk_);
-    const std::size_t whole = std::min(history_.size(), longest) / static_cast<std::size_t>(chunk_) *
-                              static_cast<std::size_t>(chunk_);
+    const std::size_t whole = std::min(history_.size(), longest) /
+                              static_cast<std::size_t>(chunk_) * static_cast<std::size_t>(chunk_);
     const std::vector<short> lead(history_.end() - static_cast<std::ptrdiff_t>(whole),
                                   history_.end());
     origin_ = heard_ - static_cast<double>(whole);
@@ -189,9 +189,14 @@ Utterance Listener::describe(const char* reason) const {
         peak = std::max(peak, peaks_[static_cast<std::size_t>(k)]);
     }
     const int length = last - record.speech_start;
-    return {time(record.start), std::min(time(end), seconds()), time(record.speech_start), time(last),
-            seconds(), reason, 20 * std::log10(peak / kFullScale),
-            length < session_._m_n_min_sp_duration, length > session_._m_n_max_sp_duration};
+    return {time(record.start),
+            std::min(time(end), seconds()),
+            time(record.speech_start),
+            time(last),
+            seconds(),
+            reason,
+            20 * std::log10(peak / kFullScale),
+            length<session_._m_n_min_sp_duration, length> session_._m_n_max_sp_duration};
 }
 
 double Listener::time(int frame) const { return origin_ / rate_ + frame * kFrameSeconds; }

@@ -14,15 +14,15 @@
 
 // Times are seconds from the start of the stream.
 struct Utterance {
-    double start;            // with the margin before speech
-    double end;              // with the margin after speech
-    double speech_start;     // first frame judged speech
-    double last_speech;      // last frame judged speech
-    double decided;          // how much of the stream had been heard when it was decided
-    const char* reason;      // why it ended: "pause", "time-out", "end of input"; "" while it goes on
-    double peak;             // level of its loudest sample, dB full scale
-    bool under_minimum;      // speech shorter than min_sp_duration
-    bool over_maximum;       // speech longer than max_sp_duration
+    double start;         // with the margin before speech
+    double end;           // with the margin after speech
+    double speech_start;  // first frame judged speech
+    double last_speech;   // last frame judged speech
+    double decided;       // how much of the stream had been heard when it was decided
+    const char* reason;   // why it ended: "pause", "time-out", "end of input"; "" while it goes on
+    double peak;          // level of its loudest sample, dB full scale
+    bool under_minimum;   // speech shorter than min_sp_duration
+    bool over_maximum;    // speech longer than max_sp_duration
 };
 
 // What the session says of one frame.
@@ -77,11 +77,11 @@ private:
     tz_dnnvad::CMFE& session_;
     Watcher& watcher_;
     int chunk_;
-    double rate_;                // Hz
-    double heard_ = 0;           // samples of the stream
-    double origin_ = 0;          // sample of the stream at which the session's frame 0 lies
-    std::size_t reported_ = 0;   // records of the segment list already dealt with
-    bool open_ = false;          // an utterance has begun and not ended
+    double rate_;               // Hz
+    double heard_ = 0;          // samples of the stream
+    double origin_ = 0;         // sample of the stream at which the session's frame 0 lies
+    std::size_t reported_ = 0;  // records of the segment list already dealt with
+    bool open_ = false;         // an utterance has begun and not ended
     bool replaying_ = false;
     std::vector<short> out_;     // what the session hands out at once
     std::deque<short> history_;  // the latest samples, as many as the margin before speech

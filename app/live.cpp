@@ -21,16 +21,16 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kMeterFrames = 10;         // between two pictures; time constant of the level
-constexpr int kNoiseFrames = 100;        // time constant of the noise floor
-constexpr int kShownFrames = 50;         // a time-out lasts one frame, but stays readable
-constexpr int kBarCells = 12;            // of the level meter
+constexpr int kMeterFrames = 10;                // between two pictures; time constant of the level
+constexpr int kNoiseFrames = 100;               // time constant of the noise floor
+constexpr int kShownFrames = 50;                // a time-out lasts one frame, but stays readable
+constexpr int kBarCells = 12;                   // of the level meter
 constexpr double kBarDb = -60, kFloorDb = -96;  // where the meter's bar begins; digital silence
 constexpr int kSilence = 2;                     // state of a frame: silence after silence
 constexpr int kSpeaking = 1, kTimedOut = 3;     // statuses of a session
 constexpr char kClearLine[] = "\r\033[K";
-constexpr const char* kStatusNames[] = {"not started", "speaking", "pause", "time-out", "too short",
-                                        "too long", "ended"};
+constexpr const char* kStatusNames[] = {"not started", "speaking", "pause", "time-out",
+                                        "too short",   "too long", "ended"};
 
 struct Options {
     std::string device = "default", format = "text";
@@ -46,7 +46,8 @@ struct sigaction usual_action;  // what Ctrl-C does in the other commands
 
 extern "C" void request_stop(int signal) {
     stopping = 1;
-    sigaction(signal, &usual_action, nullptr);  // a second one ends the program whatever it waits for
+    sigaction(signal, &usual_action,
+              nullptr);  // a second one ends the program whatever it waits for
 }
 
 // From now on Ctrl-C and SIGTERM end the stream, not the program; they interrupt what it waits for.
@@ -70,8 +71,11 @@ public:
             cutter_->begin(u);
         }
         const long late = std::lround(1000 * (u.decided - u.speech_start));
-        say({{"type", "began"}, {"time", round2(u.decided)}, {"first_speech", round2(u.speech_start)},
-             {"latency_ms", late}}, format("speech began at %.2f, %ld ms ago", u.speech_start, late));
+        say({{"type", "began"},
+             {"time", round2(u.decided)},
+             {"first_speech", round2(u.speech_start)},
+             {"latency_ms", late}},
+            format("speech began at %.2f, %ld ms ago", u.speech_start, late));
     }
     void audio(const short* samples, int count) override {
         if (cutter_ != nullptr) {
@@ -85,10 +89,16 @@ public:
         ++utterances_;
         const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
         const long late = std::lround(1000 * (u.decided - u.last_speech));
-        Json event{{"type", "ended"}, {"time", round2(u.decided)}, {"start", round2(u.start)},
-                   {"end", round2(u.end)}, {"first_speech", round2(u.speech_start)},
-                   {"last_speech", round2(u.last_speech)}, {"ended_by", u.reason}, {"latency_ms", late},
-                   {"under_minimum", u.under_minimum}, {"over_maximum", u.over_maximum}};
+        Json event{{"type", "ended"},
+                   {"time", round2(u.decided)},
+                   {"start", round2(u.start)},
+                   {"end", round2(u.end)},
+                   {"first_speech", round2(u.speech_start)},
+                   {"last_speech", round2(u.last_speech)},
+                   {"ended_by", u.reason},
+                   {"latency_ms", late},
+                   {"under_minimum", u.under_minimum},
+                   {"over_maximum", u.over_maximum}};
         if (!cut.empty()) {
             event["cut"] = cut;
         }
@@ -114,7 +124,9 @@ public:
             std::fputc('\n', stderr);
         }
         terminal_ = false;  // the last picture stays
-        say({{"type", "stream"}, {"time", round2(seconds)}, {"utterances", utterances_},
+        say({{"type", "stream"},
+             {"time", round2(seconds)},
+             {"utterances", utterances_},
              {"overruns", overruns}},
             format("stream ended, utterances: %d, overruns: %d", utterances_, overruns));
     }
@@ -166,9 +178,11 @@ private:
     void draw(int overruns) const {
         const double level = decibels(power_), share = std::clamp(1 - level / kBarDb, 0.0, 1.0);
         const std::string bar(static_cast<std::size_t>(std::lround(kBarCells * share)), '#');
-        std::fprintf(stderr, "%s\033[?7l[%-*s] %3.0f dB, noise %.0f, score %.2f (%.2f/%.2f), %s %.1f s, "
-                     "%d overruns\033[?7h", kClearLine, kBarCells, bar.c_str(), level, noise_,
-                     frame_.score, session_._m_f_speech_threshold, session_._m_f_sil_threshold,
+        std::fprintf(stderr,
+                     "%s\033[?7l[%-*s] %3.0f dB, noise %.0f, score %.2f (%.2f/%.2f), %s %.1f s, "
+                     "%d overruns\033[?7h",
+                     kClearLine, kBarCells, bar.c_str(), level, noise_, frame_.score,
+                     session_._m_f_speech_threshold, session_._m_f_sil_threshold,
                      kStatusNames[status_], 0.01 * status_frames_, overruns);
         std::fflush(stderr);
     }
@@ -181,8 +195,8 @@ private:
     std::vector<short> audio_;  // of the first utterance
     bool terminal_ = isatty(STDERR_FILENO) != 0;
     Frame frame_{0, kSilence, 0, 0, nullptr, 0};
-    double power_ = 0;          // mean of the latest frames
-    double noise_ = kFloorDb;   // dB full scale, of the latest frames without speech
+    double power_ = 0;         // mean of the latest frames
+    double noise_ = kFloorDb;  // dB full scale, of the latest frames without speech
     int frames_ = 0, quiet_ = 0, status_ = 0, status_frames_ = 0;
 };
 
@@ -242,19 +256,28 @@ int run(const Options& options) {
 void add_live(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
     CLI::App& command = *program.add_subcommand("live", "Listen to a capture device until Ctrl-C");
-    command.add_option("-D,--device", options->device, "ALSA capture device")->capture_default_str();
-    command.add_option("--rate", options->rate, "Sample rate in Hz, as far as the model leaves it open")
-        ->check(CLI::IsMember({8000, 16000}))->capture_default_str();
-    command.add_option("-f,--format", options->format,
-                       "Events, a line each: text, or json objects of \"type\" began, ended, forgotten\n"
-                       "(a blip, the prompt), time-out, stream (its end); times in seconds of stream")
-        ->check(CLI::IsMember({"text", "json"}))->capture_default_str();
+    command.add_option("-D,--device", options->device, "ALSA capture device")
+        ->capture_default_str();
+    command
+        .add_option("--rate", options->rate,
+                    "Sample rate in Hz, as far as the model leaves it open")
+        ->check(CLI::IsMember({8000, 16000}))
+        ->capture_default_str();
+    command
+        .add_option(
+            "-f,--format", options->format,
+            "Events, a line each: text, or json objects of \"type\" began, ended, forgotten\n"
+            "(a blip, the prompt), time-out, stream (its end); times in seconds of stream")
+        ->check(CLI::IsMember({"text", "json"}))
+        ->capture_default_str();
     command.add_option("--seconds", options->seconds, "End after this much of the stream")
-        ->check(CLI::Range(0.01, 1e9))->type_name("N");
-    command.add_flag("--once", options->once,
-                     "End after the first utterance; status 1 if there was no speech in time or at all.\n"
-                     "If standard output is no terminal it gets the utterance as a WAV file, and\n"
-                     "standard error the events");
+        ->check(CLI::Range(0.01, 1e9))
+        ->type_name("N");
+    command.add_flag(
+        "--once", options->once,
+        "End after the first utterance; status 1 if there was no speech in time or at all.\n"
+        "If standard output is no terminal it gets the utterance as a WAV file, and\n"
+        "standard error the events");
     command.add_flag("--list", options->list, "List the capture devices");
     add_cut_options(command, options->cut);
     add_session_options(command, options->session);

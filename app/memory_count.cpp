@@ -28,7 +28,9 @@ void* __real_memalign(std::size_t alignment, std::size_t size);
 void __real_free(void* block);
 
 void* __wrap_malloc(std::size_t size) { return counted(__real_malloc(size)); }
-void* __wrap_calloc(std::size_t count, std::size_t size) { return counted(__real_calloc(count, size)); }
+void* __wrap_calloc(std::size_t count, std::size_t size) {
+    return counted(__real_calloc(count, size));
+}
 void* __wrap_memalign(std::size_t alignment, std::size_t size) {
     return counted(__real_memalign(alignment, size));
 }

@@ -36,7 +36,8 @@ public:
     long at() const { return std::ftell(stream_.get()); }
     long size() const { return size_; }
 
-    [[noreturn]] void fail(long where, const std::string& expected, const std::string& found) const {
+    [[noreturn]] void fail(long where, const std::string& expected,
+                           const std::string& found) const {
         if (std::ferror(stream_.get()) != 0) {
             throw Failure(path_, std::strerror(errno));
         }
@@ -72,7 +73,8 @@ private:
 std::string printable(std::string text) {
     text = text.substr(0, 40);
     text.erase(std::find(text.begin(), text.end(), '\n'), text.end());
-    std::replace_if(text.begin(), text.end(), [](unsigned char c) { return c < 32 || c > 126; }, '?');
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return c < 32 || c > 126; }, '?');
     return text;
 }
 
@@ -127,7 +129,8 @@ ordered_json describe_model(const std::string& path) {
     File file(path);
     ordered_json out{{"file", path}, {"kind", "network model"}}, doubts = ordered_json::array();
     for (int i = 0; i < 3; ++i) {
-        out[format("text_line_%d", i + 1)] = printable(file.line(format("text line %d of 3", i + 1)));
+        out[format("text_line_%d", i + 1)] =
+            printable(file.line(format("text line %d of 3", i + 1)));
     }
     const long header = file.at();
     const int dimension = file.word("the feature dimension (32-bit integer)");
@@ -162,8 +165,8 @@ ordered_json describe_model(const std::string& path) {
     long long needed = 0, products = 0;
     while (static_cast<int>(sizes.size()) < layers) {
         const long where = file.at();
-        sizes.push_back(file.word(format("size %zu of %d layers (32-bit integer)", sizes.size() + 1,
-                                         layers)));
+        sizes.push_back(
+            file.word(format("size %zu of %d layers (32-bit integer)", sizes.size() + 1, layers)));
         if (sizes.back() < 0) {
             file.fail(where, "a layer size that is not negative", found(sizes.back()));
         }
@@ -190,15 +193,18 @@ ordered_json describe_model(const std::string& path) {
                       [&](float value) { weights.add(static_cast<double>(value)); });
         done += static_cast<long long>(got);
         if (got < wanted) {
-            file.fail(file.size(), format("parameter %lld of %lld", done + 1, count), "it is not there");
+            file.fail(file.size(), format("parameter %lld of %lld", done + 1, count),
+                      "it is not there");
         }
     }
     if (const long rest = file.size() - file.at(); rest > 0) {
-        doubts.push_back(format("at byte %ld: %ld more bytes, which nothing reads", file.at(), rest));
+        doubts.push_back(
+            format("at byte %ld: %ld more bytes, which nothing reads", file.at(), rest));
     }
     if (needed != count) {
-        doubts.push_back(format("the layers need %lld parameters, not %lld: %s", needed, count,
-                                needed > count ? "missing ones count as 0" : "the rest is not used"));
+        doubts.push_back(
+            format("the layers need %lld parameters, not %lld: %s", needed, count,
+                   needed > count ? "missing ones count as 0" : "the rest is not used"));
     }
     if (layers < 2 || sizes.back() != kClasses) {
         doubts.push_back("nine classes are needed: with this network no frame can be speech");
@@ -229,7 +235,8 @@ ordered_json describe_model(const std::string& path) {
 
 std::vector<std::string> tokens(const std::string& text) {
     std::vector<std::string> out;
-    for (std::size_t at = 0; (at = text.find_first_not_of(" \t\n\v\f\r", at)) != std::string::npos;) {
+    for (std::size_t at = 0;
+         (at = text.find_first_not_of(" \t\n\v\f\r", at)) != std::string::npos;) {
         const std::size_t end = std::min(text.find_first_of(" \t\n\v\f\r", at), text.size());
         out.push_back(text.substr(at, end - at));
         at = end;
@@ -298,16 +305,18 @@ ordered_json describe_template(const std::string& path, int bins) {
     }
     std::vector<float> weights(static_cast<std::size_t>(bins - kLow + 1));
     for (std::size_t i = 0; i < weights.size(); ++i) {
-        const std::string expected = i == 0 ? "the bias" : format("weight %zu of %d", i, bins - kLow);
+        const std::string expected =
+            i == 0 ? "the bias" : format("weight %zu of %d", i, bins - kLow);
         if (const long where = next("%f", &weights[i], expected); where >= 0) {
-            doubts.push_back(format("at byte %ld%s: no number: %s and all that follow count as 0", where,
-                                    position(path, where).c_str(), expected.c_str()));
+            doubts.push_back(format("at byte %ld%s: no number: %s and all that follow count as 0",
+                                    where, position(path, where).c_str(), expected.c_str()));
             break;
         }
     }
     if (!std::all_of(weights.begin(), weights.end(), [](float w) { return std::isfinite(w); })) {
         doubts.push_back("some weights are not finite");
-        std::replace_if(weights.begin(), weights.end(), [](float w) { return !std::isfinite(w); }, 0.0F);
+        std::replace_if(
+            weights.begin(), weights.end(), [](float w) { return !std::isfinite(w); }, 0.0F);
     }
     std::vector<std::size_t> order(weights.size() - 1);
     for (std::size_t k = 0; k < order.size(); ++k) {
@@ -319,13 +328,18 @@ ordered_json describe_template(const std::string& path, int bins) {
     ordered_json strongest = ordered_json::array();
     for (std::size_t k = 0; k < 8 && weights[order[k]] != 0.0F; ++k) {
         const double hertz = static_cast<double>(order[k] + kLow - 2) * kBinHertz;
-        strongest.push_back(format("%7.1f Hz %+.4f", hertz, static_cast<double>(weights[order[k]])));
+        strongest.push_back(
+            format("%7.1f Hz %+.4f", hertz, static_cast<double>(weights[order[k]])));
     }
-    return {{"file", path}, {"kind", "bleep template"},
-            {"for_models_of_hz", bins == kWideBins ? 16000 : 8000}, {"rows", kRows}, {"bins", bins},
+    return {{"file", path},
+            {"kind", "bleep template"},
+            {"for_models_of_hz", bins == kWideBins ? 16000 : 8000},
+            {"rows", kRows},
+            {"bins", bins},
             {"template_10_ms_a_column", picture(cells, bins)},
             {"bias", format("%.6g", static_cast<double>(weights[0]))},
-            {"strongest_weights_per_cell", strongest}, {"doubts", doubts}};
+            {"strongest_weights_per_cell", strongest},
+            {"doubts", doubts}};
 }
 
 }  // namespace
@@ -338,7 +352,8 @@ ordered_json describe_file(const std::string& path) {
     File file(path);
     begin.resize(std::fread(begin.data(), 1, begin.size(), file.stream()));
     const std::vector<std::string> row = tokens(begin.substr(0, begin.find('\n')));
-    const auto bits = std::count(row.begin(), row.end(), "0") + std::count(row.begin(), row.end(), "1");
+    const auto bits =
+        std::count(row.begin(), row.end(), "0") + std::count(row.begin(), row.end(), "1");
     if (row.size() < 8 || bits < static_cast<std::ptrdiff_t>(row.size() / 2)) {
         return describe_model(path);
     }

@@ -29,9 +29,11 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kClasses = 9;
 constexpr std::size_t kLargestPage = 10'000'000;  // bytes
-constexpr double kFloor = 0.15, kCeiling = 0.998;  // shares of the cells that are white, not yet dark
+constexpr double kFloor = 0.15,
+                 kCeiling = 0.998;             // shares of the cells that are white, not yet dark
 constexpr int kNotStarted = 0, kTimedOut = 3;  // status
-constexpr int kGated = 6, kUnscored = 7;  // states beyond the library's: the energy detector's, nobody's
+constexpr int kGated = 6,
+              kUnscored = 7;  // states beyond the library's: the energy detector's, nobody's
 
 struct Options {
     std::string file, output, title;
@@ -114,13 +116,15 @@ private:
         const auto bins = static_cast<std::size_t>(session._m_n_fft_size);
         work_.resize(6 * bins);  // three rows, the spectrum, two rows
         float* const spectrum = &work_[3 * bins];
-        session.mfeSaveFFT(0, 1, 2, work_.data(), spectrum, &work_[4 * bins], static_cast<int>(bins));
+        session.mfeSaveFFT(0, 1, 2, work_.data(), spectrum, &work_[4 * bins],
+                           static_cast<int>(bins));
         // Steps of equal mel, 1127 ln(1 + f / 700), are steps of equal ratio of 1 + f / 700.
         const auto bin = [&](std::size_t row) {
             const double share = static_cast<double>(row) / kRows;
             const double hertz = 700 * (std::pow(1 + highest / 700, share) - 1);
             const double at = hertz / highest * static_cast<double>(bins);
-            return std::clamp<std::size_t>(static_cast<std::size_t>(at), 1, bins - 1);  // (never bin 0)
+            return std::clamp<std::size_t>(static_cast<std::size_t>(at), 1,
+                                           bins - 1);  // (never bin 0)
         };
         for (std::size_t row = 0; row < kRows; ++row) {
             const std::size_t from = bin(row), to = std::max(bin(row + 1), from + 1);
@@ -219,18 +223,25 @@ public:
 
 private:
     void set(int track, std::size_t n, double value) {
-        const double whole = value > 0 ? std::min(std::round(value), 65535.0) : 0.0;  // (NaN is 0 too)
+        const double whole =
+            value > 0 ? std::min(std::round(value), 65535.0) : 0.0;  // (NaN is 0 too)
         tracks[static_cast<std::size_t>(track)][n] = static_cast<std::uint16_t>(whole);
     }
     void add(const char* kind, const Utterance& u) {
-        segments.push_back({{"kind", kind}, {"start", u.start}, {"end", u.end},
-                            {"speech", u.speech_start}, {"last", u.last_speech}, {"decided", u.decided},
-                            {"reason", u.reason}, {"peak", u.peak}, {"under", u.under_minimum},
+        segments.push_back({{"kind", kind},
+                            {"start", u.start},
+                            {"end", u.end},
+                            {"speech", u.speech_start},
+                            {"last", u.last_speech},
+                            {"decided", u.decided},
+                            {"reason", u.reason},
+                            {"peak", u.peak},
+                            {"under", u.under_minimum},
                             {"over", u.over_maximum}});
     }
 
     CMFE& session_;
-    long long origin_ = 0;  // frame at which the session began
+    long long origin_ = 0;    // frame at which the session began
     std::size_t scored_ = 0;  // frames
     bool timed_out_ = false, gated_ = false;
 };
@@ -249,7 +260,9 @@ std::string base64(const Bytes& bytes) {
     const char* const digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
     std::string text;
     for (std::size_t k = 0; k < bytes.size(); k += 3) {
-        const auto byte = [&](std::size_t at) { return at < bytes.size() ? unsigned{bytes[at]} : 0U; };
+        const auto byte = [&](std::size_t at) {
+            return at < bytes.size() ? unsigned{bytes[at]} : 0U;
+        };
         const unsigned group = byte(k) << 16 | byte(k + 1) << 8 | byte(k + 2);
         for (std::size_t digit = 0; digit < 4; ++digit) {
             text += k + digit > bytes.size() ? '=' : digits[group >> (18 - 6 * digit) & 63];
@@ -288,9 +301,14 @@ void write_page(FILE* stream, Story& story, Json facts) {
     for (data = packed(story); !fits() && s.columns() > 2000; data = packed(story)) {
         s.halve();
     }
-    facts.update({{"segments", story.segments}, {"timeOuts", story.time_outs},
-                  {"frames", story.frames()}, {"rows", Spectrogram::kRows}, {"columns", s.columns()},
-                  {"perColumn", s.per_column}, {"highest", s.highest}, {"floor", s.quantile(kFloor)},
+    facts.update({{"segments", story.segments},
+                  {"timeOuts", story.time_outs},
+                  {"frames", story.frames()},
+                  {"rows", Spectrogram::kRows},
+                  {"columns", s.columns()},
+                  {"perColumn", s.per_column},
+                  {"highest", s.highest},
+                  {"floor", s.quantile(kFloor)},
                   {"ceiling", s.quantile(kCeiling)}});
     text = facts.dump(-1, ' ', true);
     for (std::size_t k = 0; (k = text.find('<', k)) != std::string::npos;) {
@@ -299,9 +317,11 @@ void write_page(FILE* stream, Story& story, Json facts) {
     if (!fits()) {
         throw Failure(facts["file"], "too long for a page of 10 MB; cut it, or draw an .svg");
     }
-    std::fprintf(stream, "%.*s<script type=\"application/json\" id=\"facts\">%s</script>\n"
-                 "<script type=\"text/plain\" id=\"data\">%s</script>%s", static_cast<int>(at),
-                 page.c_str(), text.c_str(), data.c_str(), page.c_str() + at + mark.size());
+    std::fprintf(stream,
+                 "%.*s<script type=\"application/json\" id=\"facts\">%s</script>\n"
+                 "<script type=\"text/plain\" id=\"data\">%s</script>%s",
+                 static_cast<int>(at), page.c_str(), text.c_str(), data.c_str(),
+                 page.c_str() + at + mark.size());
 }
 
 // ---- The picture ----------------------------------------------------------------------------------
@@ -346,8 +366,8 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
     const double length = std::max(0.01, facts["seconds"].get<double>());
     const auto x = [&](double t) { return kLeft + std::clamp(t / length, 0.0, 1.0) * kWidth; };
     const auto rect = [&](double from, double to, int y, int height, const char* look) {
-        std::fprintf(stream, "<rect x=\"%.2f\" y=\"%d\" width=\"%.2f\" height=\"%d\" %s/>\n", x(from), y,
-                     std::max(0.6, x(to) - x(from)), height, look);
+        std::fprintf(stream, "<rect x=\"%.2f\" y=\"%d\" width=\"%.2f\" height=\"%d\" %s/>\n",
+                     x(from), y, std::max(0.6, x(to) - x(from)), height, look);
     };
     const auto text = [&](double at, int y, const char* look, const std::string& words) {
         std::fprintf(stream, "<text x=\"%.1f\" y=\"%d\" %s>", at, y, look);
@@ -368,26 +388,32 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
                 most = std::max(most, story.at(high, n));
             }
             const double at = (static_cast<double>(k) + 0.5) / static_cast<double>(columns);
-            std::fprintf(stream, "%s%.1f %.1fV%.1f", k == 0 ? "<path d=\"M" : "L", kLeft + at * kWidth,
-                         y(most), y(least));
+            std::fprintf(stream, "%s%.1f %.1fV%.1f", k == 0 ? "<path d=\"M" : "L",
+                         kLeft + at * kWidth, y(most), y(least));
         }
         std::fprintf(stream, "\" fill=\"none\" stroke=\"%s\" stroke-width=\"1.2\"/>\n", colour);
     };
-    std::fputs("<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 1200 470\" width=\"1200\" "
-               "height=\"470\" font-family=\"system-ui, sans-serif\" font-size=\"12\" "
-               "fill=\"#566273\">\n"
-               "<filter id=\"blue\" color-interpolation-filters=\"sRGB\"><feComponentTransfer>"
-               "<feFuncR type=\"table\" tableValues=\".04 .18 .62 1\"/><feFuncG type=\"table\" "
-               "tableValues=\".1 .38 .75 1\"/><feFuncB type=\"table\" tableValues=\".26 .64 .89 1\"/>"
-               "</feComponentTransfer></filter>\n"
-               "<rect width=\"1200\" height=\"470\" rx=\"8\" fill=\"#fff\"/>\n", stream);
+    std::fputs(
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 1200 470\" width=\"1200\" "
+        "height=\"470\" font-family=\"system-ui, sans-serif\" font-size=\"12\" "
+        "fill=\"#566273\">\n"
+        "<filter id=\"blue\" color-interpolation-filters=\"sRGB\"><feComponentTransfer>"
+        "<feFuncR type=\"table\" tableValues=\".04 .18 .62 1\"/><feFuncG type=\"table\" "
+        "tableValues=\".1 .38 .75 1\"/><feFuncB type=\"table\" tableValues=\".26 .64 .89 1\"/>"
+        "</feComponentTransfer></filter>\n"
+        "<rect width=\"1200\" height=\"470\" rx=\"8\" fill=\"#fff\"/>\n",
+        stream);
     const char* const right = "text-anchor=\"end\"";
     text(24, 30, "font-size=\"17\" font-weight=\"600\" fill=\"#18212d\"", facts["title"]);
-    text(24, 50, "", format("%.1f s, %d Hz, %s, %td utterances, %td forgotten", length,
-                            facts["recordedRate"].get<int>(), facts["model"].get<std::string>().c_str(),
-                            story.count(true), story.count(false)));
-    for (const auto& [y, name] : {std::pair{81, "utterances"}, {135, "waveform"}, {235, "spectrum"},
-                                  {355, "score"}, {427, "states"}}) {
+    text(24, 50, "",
+         format("%.1f s, %d Hz, %s, %td utterances, %td forgotten", length,
+                facts["recordedRate"].get<int>(), facts["model"].get<std::string>().c_str(),
+                story.count(true), story.count(false)));
+    for (const auto& [y, name] : {std::pair{81, "utterances"},
+                                  {135, "waveform"},
+                                  {235, "spectrum"},
+                                  {355, "score"},
+                                  {427, "states"}}) {
         text(kLeft - 10, y, right, name);
     }
     for (const Json& s : story.segments) {
@@ -396,7 +422,8 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
         rect(s["start"], s["end"], 66, 346, "fill=\"#0d9488\" fill-opacity=\".09\"");
         rect(s["start"], s["end"], 66, 22, kept ? "fill=\"#99d8d0\"" : "fill=\"#dfe3e8\"");
         rect(speech, last, 66, 22, kept ? "fill=\"#0f766e\"" : "fill=\"#9aa5b1\"");
-        const std::string why = s[kept ? "reason" : "kind"], words = (kept ? "ended by " : "") + why;
+        const std::string why = s[kept ? "reason" : "kind"],
+                          words = (kept ? "ended by " : "") + why;
         if (x(last) - x(speech) > 7.0 * static_cast<double>(words.size())) {
             text((x(speech) + x(last)) / 2, 81, "text-anchor=\"middle\" fill=\"#fff\"", words);
         }
@@ -406,12 +433,14 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
         loudest = std::max({loudest, 32768 - story.at(kLow, n), story.at(kHigh, n) - 32768});
     }
     line(kLow, kHigh, "#334155", [&](int value) { return 131 - 36.0 * (value - 32768) / loudest; });
-    std::fprintf(stream, "<image x=\"%d\" y=\"176\" width=\"%d\" height=\"110\" "
+    std::fprintf(stream,
+                 "<image x=\"%d\" y=\"176\" width=\"%d\" height=\"110\" "
                  "preserveAspectRatio=\"none\" filter=\"url(#blue)\" "
-                 "href=\"data:image/png;base64,%s\"/>\n", kLeft, kWidth,
-                 base64(png(story.spectrogram, kWidth)).c_str());
+                 "href=\"data:image/png;base64,%s\"/>\n",
+                 kLeft, kWidth, base64(png(story.spectrogram, kWidth)).c_str());
     const double start = facts["start"], stop = facts["stop"];
-    const auto highest = *std::max_element(story.tracks[kScore].begin(), story.tracks[kScore].end());
+    const auto highest =
+        *std::max_element(story.tracks[kScore].begin(), story.tracks[kScore].end());
     const double top = std::max({1.1 * highest / 1000, 2 * start, 2 * stop, 0.1});
     const auto level = [&](double score) { return 404 - 106 * std::min(score / top, 1.0); };
     line(kScore, kScore, "#4f46e5", [&](int value) { return level(value / 1000.0); });
@@ -420,8 +449,10 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
         const int y = static_cast<int>(level(value)) + (up < 0 && start == stop ? 1 : 0);
         rect(0, length, y, 1, format("fill=\"%s\"", colour).c_str());
         text(kLeft + kWidth, y - up,
-             format("%s stroke=\"#fff\" stroke-width=\"3\" paint-order=\"stroke\" fill=\"%s\"", right,
-                    colour).c_str(), format("%s at %.2f", name, value));
+             format("%s stroke=\"#fff\" stroke-width=\"3\" paint-order=\"stroke\" fill=\"%s\"",
+                    right, colour)
+                 .c_str(),
+             format("%s at %.2f", name, value));
     }
     // Runs of speech; of what is shorter than a pixel only as much as can be seen.
     double drawn = -1;
@@ -450,7 +481,8 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
 int run(const Options& options) {
     const std::string extension = fs::path(options.output).extension().string();
     if (extension != ".html" && extension != ".svg") {
-        throw UsageError("-o takes a name that ends in .html or .svg, not '" + options.output + "'");
+        throw UsageError("-o takes a name that ends in .html or .svg, not '" + options.output +
+                         "'");
     }
     AudioInput input(options.file, options.audio);
     const auto session = open_session(options.session, input.rate());
@@ -476,17 +508,24 @@ int run(const Options& options) {
     progress.clear();
     // (never NaN)
     const auto threshold = [](double value) { return std::min(99.0, std::max(0.0, value)); };
-    const std::string name = options.file == "-" ? "stdin" : fs::path(options.file).filename().string();
+    const std::string name =
+        options.file == "-" ? "stdin" : fs::path(options.file).filename().string();
     const Json facts{
-        {"title", clean(options.title.empty() ? name : options.title)}, {"file", clean(name)},
+        {"title", clean(options.title.empty() ? name : options.title)},
+        {"file", clean(name)},
         {"model", clean(fs::path(model_path(options.session, input.rate())).filename().string())},
-        {"recordedRate", input.rate()}, {"rate", session->mfeGetParam(kSampleRate)},
-        {"seconds", listener.seconds()}, {"clipped", reader.clipped()},
+        {"recordedRate", input.rate()},
+        {"rate", session->mfeGetParam(kSampleRate)},
+        {"seconds", listener.seconds()},
+        {"clipped", reader.clipped()},
         {"parameters", changed_parameters(*session)},
         {"start", threshold(session->_m_f_speech_threshold)},
-        {"stop", threshold(session->_m_f_sil_threshold)}, {"pause", session->_m_n_cfg_max_speech_pause},
-        {"wait", session->_m_n_cfg_max_wait}, {"bandLow", session->_m_n_fbank_low},
-        {"bandHigh", session->_m_n_fbank_high}, {"bands", session->_m_n_fbank_dim}};
+        {"stop", threshold(session->_m_f_sil_threshold)},
+        {"pause", session->_m_n_cfg_max_speech_pause},
+        {"wait", session->_m_n_cfg_max_wait},
+        {"bandLow", session->_m_n_fbank_low},
+        {"bandHigh", session->_m_n_fbank_high},
+        {"bands", session->_m_n_fbank_dim}};
     if (extension == ".html") {
         write_page(output.stream(), story, facts);
     } else {
@@ -500,13 +539,18 @@ int run(const Options& options) {
 
 void add_plot(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
-    CLI::App& command = *program.add_subcommand("plot", "Show what the detector made of a recording");
-    command.add_option("file", options->file,
-                       "Recording in any format of libsndfile; - reads standard input")
-        ->required()->type_name("FILE");
-    command.add_option("-o,--output", options->output,
-                       "A page to explore in a browser (.html) or a picture (.svg)")
-        ->required()->type_name("FILE");
+    CLI::App& command =
+        *program.add_subcommand("plot", "Show what the detector made of a recording");
+    command
+        .add_option("file", options->file,
+                    "Recording in any format of libsndfile; - reads standard input")
+        ->required()
+        ->type_name("FILE");
+    command
+        .add_option("-o,--output", options->output,
+                    "A page to explore in a browser (.html) or a picture (.svg)")
+        ->required()
+        ->type_name("FILE");
     command.add_option("--title", options->title, "Heading (default: the file's name)")
         ->type_name("TEXT");
     add_audio_options(command, options->audio);

@@ -34,7 +34,7 @@ constexpr int kEnough = 4;           // maps of each kind in each third at least
 constexpr double kAdvised = 120;     // seconds of speech
 constexpr double kPoor = 5;          // per cent of failures
 constexpr int kShortestWord = 20, kLongestWord = 90;  // frames
-constexpr int kVariants = 4;         // of a word at most
+constexpr int kVariants = 4;                          // of a word at most
 
 enum Status { kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
 
@@ -68,7 +68,8 @@ Signal trimmed(const std::vector<short>& samples) {
     }
     const auto loud = [&](short sample) { return 316 * std::abs(static_cast<int>(sample)) > peak; };
     const auto first = std::find_if(samples.begin(), samples.end(), loud);
-    const auto last = std::find_if(samples.rbegin(), std::make_reverse_iterator(first), loud).base();
+    const auto last =
+        std::find_if(samples.rbegin(), std::make_reverse_iterator(first), loud).base();
     return {first, last};
 }
 
@@ -100,7 +101,8 @@ Rendering render(const Signal& clip, Random& random, int rate, double lead, doub
         peak = std::max(peak, std::fabs(value));
     }
     const double gain = 32767 * std::pow(10, random.between(-45, -3) / 20) / peak;
-    Rendering out{std::vector<short>(x.size()), static_cast<int>(100 * static_cast<double>(at) / rate)};
+    Rendering out{std::vector<short>(x.size()),
+                  static_cast<int>(100 * static_cast<double>(at) / rate)};
     std::transform(x.begin(), x.end(), out.samples.begin(),
                    [gain](double value) { return static_cast<short>(std::lround(gain * value)); });
     return out;
@@ -166,7 +168,8 @@ std::vector<Signal> words(CMFE& session, const std::vector<std::string>& files, 
                                             static_cast<std::size_t>(chunk), samples.size() - at)));
         }
         const auto& speech = marks.speech;
-        for (auto from = speech.begin(); (from = std::find(from, speech.end(), true)) != speech.end();) {
+        for (auto from = speech.begin();
+             (from = std::find(from, speech.end(), true)) != speech.end();) {
             const auto end = std::find(from, speech.end(), false);
             const auto length = std::min<std::ptrdiff_t>(
                 end - from, std::lround(random.between(kShortestWord, kLongestWord)));
@@ -178,7 +181,8 @@ std::vector<Signal> words(CMFE& session, const std::vector<std::string>& files, 
             Signal& word = found.emplace_back(first, first + length * chunk);
             for (int i = 0; i < chunk; ++i) {  // no click where it was cut
                 word[static_cast<std::size_t>(i)] *= static_cast<double>(i) / chunk;
-                word[word.size() - 1 - static_cast<std::size_t>(i)] *= static_cast<double>(i) / chunk;
+                word[word.size() - 1 - static_cast<std::size_t>(i)] *=
+                    static_cast<double>(i) / chunk;
             }
             seconds += static_cast<double>(length) / 100;
         }
@@ -190,13 +194,13 @@ std::vector<Signal> words(CMFE& session, const std::vector<std::string>& files, 
 
 struct Map {
     std::vector<char> cells;
-    int rows, begin;    // frames; begin: of the prompt
+    int rows, begin;  // frames; begin: of the prompt
     bool prompt;
     std::size_t group;  // renderings of one word have the same
 };
 
 struct Template {
-    std::vector<char> cells;      // kRows x bins
+    std::vector<char> cells;  // kRows x bins
     double bias = kNever;
     std::vector<double> weights;  // of a count
 };
@@ -220,22 +224,27 @@ double logit(const Template& model, const std::vector<double>& x) {
 
 // Logistic regression with both classes of equal weight: accelerated gradient descent, the step from the
 // longest row. x: counts, y: +1 prompt, -1 other.
-void fit(const std::vector<const std::vector<double>*>& x, const std::vector<int>& y, Template& model) {
+void fit(const std::vector<const std::vector<double>*>& x, const std::vector<int>& y,
+         Template& model) {
     const std::size_t last = x[0]->size();  // there stands the bias, beside a column of kRows
     const auto prompts = static_cast<double>(std::count(y.begin(), y.end(), 1));
     double longest = 0;
     for (const auto* row : x) {
-        longest = std::max(longest, std::inner_product(row->begin(), row->end(), row->begin(), 0.0));
+        longest =
+            std::max(longest, std::inner_product(row->begin(), row->end(), row->begin(), 0.0));
     }
     const double step = 4 / (longest / (kRows * kRows) + 1);
     std::vector<double> w(last + 1), ahead(last + 1), slope(last + 1);
     for (int iteration = 0; iteration < kIterations; ++iteration) {
-        std::transform(ahead.begin(), ahead.end(), slope.begin(), [](double v) { return -kDecay * v; });
+        std::transform(ahead.begin(), ahead.end(), slope.begin(),
+                       [](double v) { return -kDecay * v; });
         slope[last] = 0;
         for (std::size_t k = 0; k < x.size(); ++k) {
-            const double z = std::inner_product(x[k]->begin(), x[k]->end(), ahead.begin(),
-                                                ahead[last] * kRows) / kRows;
-            const double share = 0.5 / (y[k] > 0 ? prompts : static_cast<double>(y.size()) - prompts);
+            const double z =
+                std::inner_product(x[k]->begin(), x[k]->end(), ahead.begin(), ahead[last] * kRows) /
+                kRows;
+            const double share =
+                0.5 / (y[k] > 0 ? prompts : static_cast<double>(y.size()) - prompts);
             const double error = share * y[k] / (1 + std::exp(y[k] * z));
             for (std::size_t i = 0; i < last; ++i) {
                 slope[i] += error / kRows * (*x[k])[i];
@@ -261,13 +270,14 @@ struct Logits {
 
 double quantile(std::vector<double> values, double share) {
     std::sort(values.begin(), values.end());
-    return values[static_cast<std::size_t>(std::lround(share * static_cast<double>(values.size() - 1)))];
+    return values[static_cast<std::size_t>(
+        std::lround(share * static_cast<double>(values.size() - 1)))];
 }
 
 // Fits to the maps whose group modulo 3 is in `with` and adds the logits of those in `judged`.
 Template fit_and_judge(const std::vector<Map>& maps, const std::vector<std::vector<double>>& x,
-                       Template model, std::vector<std::size_t> with, std::size_t judged, double bound,
-                       Logits& logits) {
+                       Template model, std::vector<std::size_t> with, std::size_t judged,
+                       double bound, Logits& logits) {
     std::vector<const std::vector<double>*> rows;
     std::vector<int> y;
     for (std::size_t k = 0; k < maps.size(); ++k) {
@@ -288,7 +298,8 @@ Template fit_and_judge(const std::vector<Map>& maps, const std::vector<std::vect
 
 // Every stretch of the prompt is tried as the template; fits to one third of the maps say of another one
 // how well it does. Then both thirds make the weights, and the last one fills `unseen`.
-Template derive(const std::vector<Map>& maps, int bins, int span, Logits& unseen, Progress& progress) {
+Template derive(const std::vector<Map>& maps, int bins, int span, Logits& unseen,
+                Progress& progress) {
     Template best;
     std::pair<double, double> least{2, 0};
     std::vector<std::vector<double>> best_counts;
@@ -362,7 +373,8 @@ bool enough(const std::vector<Map>& maps, bool prompt) {
 }
 
 // Why the detector cannot be asked about the prompt, from what sessions heard of it.
-[[noreturn]] void refuse(const std::string& file, const std::vector<Heard>& all, const CMFE& session) {
+[[noreturn]] void refuse(const std::string& file, const std::vector<Heard>& all,
+                         const CMFE& session) {
     std::vector<double> lengths, lasts;
     for (const Heard& heard : all) {
         if (heard.spoke) {
@@ -372,12 +384,15 @@ bool enough(const std::vector<Map>& maps, bool prompt) {
     }
     if (lengths.empty()) {
         throw Failure(file, format("the detector takes none of %zu renderings for speech: "
-                                   "no template is needed", all.size()));
+                                   "no template is needed",
+                                   all.size()));
     }
-    throw Failure(file, format("a template cannot help: sessions hear %.0f ms of speech that ends %.0f "
-                               "ms from their start; it takes more than 150 ms that end before 1200 ms, "
-                               "and then a pause of more than %d ms", 10 * quantile(lengths, 0.5),
-                               10 * quantile(lasts, 0.5), 10 * session._m_n_cfg_max_speech_pause));
+    throw Failure(file,
+                  format("a template cannot help: sessions hear %.0f ms of speech that ends %.0f "
+                         "ms from their start; it takes more than 150 ms that end before 1200 ms, "
+                         "and then a pause of more than %d ms",
+                         10 * quantile(lengths, 0.5), 10 * quantile(lasts, 0.5),
+                         10 * session._m_n_cfg_max_speech_pause));
 }
 
 int run(const Options& options) {
@@ -389,7 +404,8 @@ int run(const Options& options) {
     // The session was made without a template: an empty one that never says yes lets it ask.
     session->_m_n_bleep_detect = 1;
     session->_m_p_embd[0] = static_cast<float>(kNever);
-    const int rate = static_cast<int>(session->mfeGetParam(kSampleRate)), bins = session->_m_n_fft_size;
+    const int rate = static_cast<int>(session->mfeGetParam(kSampleRate)),
+              bins = session->_m_n_fft_size;
     const double tail = 0.01 * session->_m_n_cfg_max_speech_pause + 0.6;
     const Signal prompt = trimmed(read_recording(options.prompt, rate));
     const double length = static_cast<double>(prompt.size()) / rate;
@@ -404,7 +420,8 @@ int run(const Options& options) {
     int spoke = 0, again = 0, others = 0;
     for (std::size_t i = 0; static_cast<int>(i) < options.renderings; ++i) {
         progress.show("prompt", static_cast<double>(i) / options.renderings);
-        const Rendering r = render(prompt, random, rate, std::clamp(1.17 - length, 0.03, 0.5), tail);
+        const Rendering r =
+            render(prompt, random, rate, std::clamp(1.17 - length, 0.03, 0.5), tail);
         prompts.push_back(listen(*session, r.samples));
         spoke += prompts[i].spoke;
         again += prompts[i].again;
@@ -424,8 +441,8 @@ int run(const Options& options) {
     }
     double seconds = 0;
     const std::vector<Signal> pieces = words(*session, options.speech, seconds);
-    const int variants = std::clamp(options.renderings / std::max(1, static_cast<int>(pieces.size())), 1,
-                                    kVariants);
+    const int variants =
+        std::clamp(options.renderings / std::max(1, static_cast<int>(pieces.size())), 1, kVariants);
     for (std::size_t i = 0; i < pieces.size(); ++i) {
         progress.show("speech", static_cast<double>(i) / static_cast<double>(pieces.size()));
         for (int k = 0; k < variants; ++k) {
@@ -438,8 +455,8 @@ int run(const Options& options) {
     }
     progress.clear();
     if (!enough(maps, false)) {
-        throw Failure("--speech", format("%.0f s of speech give too little: some minutes are needed",
-                                         seconds));
+        throw Failure("--speech",
+                      format("%.0f s of speech give too little: some minutes are needed", seconds));
     }
     Logits unseen;
     const Template model = derive(maps, bins, static_cast<int>(100 * length) + 2, unseen, progress);
@@ -447,27 +464,31 @@ int run(const Options& options) {
     write_template(options.output, model, bins);
 
     const auto passing = [](const std::vector<double>& values) {
-        const auto count = std::count_if(values.begin(), values.end(), [](double v) { return v > 0; });
+        const auto count =
+            std::count_if(values.begin(), values.end(), [](double v) { return v > 0; });
         return 100.0 * static_cast<double>(count) / static_cast<double>(values.size());
     };
     const double missed = 100 - passing(unseen.prompts), taken = passing(unseen.others);
     const double lowest = quantile(unseen.prompts, 0), highest = quantile(unseen.others, 1);
     const int pause = 10 * session->_m_n_cfg_max_speech_pause;
-    std::fprintf(results(),
-                 "template            %td cells, %s\n"
-                 "prompt              %d renderings, %d taken for speech, %d of them questioned\n"
-                 "speech              %.0f s in %zu words, %d renderings each, %d questioned\n"
-                 "unseen renderings   %5.1f %% of %zu prompts missed\n"
-                 "                    %5.1f %% of %zu words taken for the prompt\n"
-                 "margin              %.1f: worst prompt %+.1f, most alike word %+.1f (log odds)\n"
-                 "A command may begin %d ms after the prompt, up to %d ms after the session's begin.\n",
-                 std::count(model.cells.begin(), model.cells.end(), 1), options.output.c_str(),
-                 options.renderings, spoke, asked, seconds, pieces.size(), variants, others, missed,
-                 unseen.prompts.size(), taken, unseen.others.size(), lowest - highest, lowest, highest,
-                 pause, 10 * session->_m_n_head_sil);
+    std::fprintf(
+        results(),
+        "template            %td cells, %s\n"
+        "prompt              %d renderings, %d taken for speech, %d of them questioned\n"
+        "speech              %.0f s in %zu words, %d renderings each, %d questioned\n"
+        "unseen renderings   %5.1f %% of %zu prompts missed\n"
+        "                    %5.1f %% of %zu words taken for the prompt\n"
+        "margin              %.1f: worst prompt %+.1f, most alike word %+.1f (log odds)\n"
+        "A command may begin %d ms after the prompt, up to %d ms after the session's begin.\n",
+        std::count(model.cells.begin(), model.cells.end(), 1), options.output.c_str(),
+        options.renderings, spoke, asked, seconds, pieces.size(), variants, others, missed,
+        unseen.prompts.size(), taken, unseen.others.size(), lowest - highest, lowest, highest,
+        pause, 10 * session->_m_n_head_sil);
     if (seconds < kAdvised) {
-        std::fprintf(stderr, "dnnvad: warning: %.0f s of speech say little about other voices: "
-                             "give some minutes\n", seconds);
+        std::fprintf(stderr,
+                     "dnnvad: warning: %.0f s of speech say little about other voices: "
+                     "give some minutes\n",
+                     seconds);
     }
     if (missed > kPoor || taken > kPoor) {
         std::fprintf(stderr, "dnnvad: warning: this prompt is hard to tell from speech\n");
@@ -482,16 +503,26 @@ void add_record_bleep(CLI::App& program, Action& action) {
     CLI::App& command = *program.add_subcommand(
         "record-bleep", "Make a template of the device's prompt, for --bleep");
     command.add_option("prompt", options->prompt, "Recording of the prompt alone")
-        ->required()->type_name("FILE");
-    command.add_option("--speech", options->speech, "Recordings of speech: minutes, several voices")
-        ->required()->type_name("WAV");
-    command.add_option("-o,--output", options->output, "The template")->required()->type_name("FILE");
-    command.add_option("--model", options->session.model,
-                       "Network model that the template is for (default: bundled, by the prompt's rate)")
+        ->required()
+        ->type_name("FILE");
+    command
+        .add_option("--speech", options->speech, "Recordings of speech: minutes, several voices")
+        ->required()
+        ->type_name("WAV");
+    command.add_option("-o,--output", options->output, "The template")
+        ->required()
+        ->type_name("FILE");
+    command
+        .add_option(
+            "--model", options->session.model,
+            "Network model that the template is for (default: bundled, by the prompt's rate)")
         ->type_name("FILE");
     command.add_option("--set", options->session.set, "A session parameter, as the device sets it")
-        ->type_name("NAME=VALUE")->take_all()->allow_extra_args(false);
+        ->type_name("NAME=VALUE")
+        ->take_all()
+        ->allow_extra_args(false);
     command.add_option("--renderings", options->renderings, "How often the prompt is rendered")
-        ->check(CLI::Range(30, 10000))->capture_default_str();
+        ->check(CLI::Range(30, 10000))
+        ->capture_default_str();
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

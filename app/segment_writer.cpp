@@ -54,8 +54,12 @@ public:
         write(line);
     }
     void end(const RecordingSummary& s) override {
-        write({{"type", "recording"}, {"file", s.file}, {"seconds", hundredths(s.seconds)},
-               {"rate", s.rate}, {"model", s.model}, {"clipped", s.clipped}});
+        write({{"type", "recording"},
+               {"file", s.file},
+               {"seconds", hundredths(s.seconds)},
+               {"rate", s.rate},
+               {"model", s.model},
+               {"clipped", s.clipped}});
     }
 
 private:
@@ -72,8 +76,10 @@ public:
     explicit CsvWriter(FILE* stream) : SegmentWriter(stream) {}
     void begin(const std::string&, bool) override {
         if (!headed_) {
-            std::fputs("file,start,end,first_speech,last_speech,duration,decided,peak_dbfs,ended_by,"
-                       "under_minimum,over_maximum,cut\n", stream_);
+            std::fputs(
+                "file,start,end,first_speech,last_speech,duration,decided,peak_dbfs,ended_by,"
+                "under_minimum,over_maximum,cut\n",
+                stream_);
         }
         headed_ = true;
     }
@@ -103,7 +109,8 @@ public:
     explicit RttmWriter(FILE* stream) : SegmentWriter(stream) {}
     void utterance(const std::string& file, const Utterance& u, const std::string&) override {
         std::string name = std::filesystem::path(file).stem().string();
-        std::replace_if(name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); }, '_');
+        std::replace_if(
+            name.begin(), name.end(), [](unsigned char c) { return std::isspace(c); }, '_');
         std::fprintf(stream_, "SPEAKER %s 1 %.3f %.3f <NA> <NA> speech <NA> <NA>\n", name.c_str(),
                      u.speech_start, u.last_speech + kFrameSeconds - u.speech_start);
     }
@@ -113,7 +120,8 @@ class AudacityWriter : public SegmentWriter {
 public:
     explicit AudacityWriter(FILE* stream) : SegmentWriter(stream) {}
     void utterance(const std::string&, const Utterance& u, const std::string&) override {
-        std::fprintf(stream_, "%.6f\t%.6f\tspeech\n", u.speech_start, u.last_speech + kFrameSeconds);
+        std::fprintf(stream_, "%.6f\t%.6f\tspeech\n", u.speech_start,
+                     u.last_speech + kFrameSeconds);
     }
 };
 
@@ -129,7 +137,8 @@ public:
     void end(const RecordingSummary& s) override {
         std::fprintf(stream_,
                      "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\nxmin = 0\n"
-                     "xmax = %.4f\ntiers? <exists>\nsize = 2\nitem []:\n", s.seconds);
+                     "xmax = %.4f\ntiers? <exists>\nsize = 2\nitem []:\n",
+                     s.seconds);
         write_tier(1, "speech", speech_, s.seconds);
         write_tier(2, "utterance", utterances_, s.seconds);
     }
@@ -163,9 +172,11 @@ private:
                      "        xmin = 0\n        xmax = %.4f\n        intervals: size = %zu\n",
                      number, name, duration, tiles.size());
         for (std::size_t i = 0; i < tiles.size(); ++i) {
-            std::fprintf(stream_,
-                         "        intervals [%zu]:\n            xmin = %.4f\n            xmax = %.4f\n"
-                         "            text = \"%s\"\n", i + 1, tiles[i].from, tiles[i].to, tiles[i].text);
+            std::fprintf(
+                stream_,
+                "        intervals [%zu]:\n            xmin = %.4f\n            xmax = %.4f\n"
+                "            text = \"%s\"\n",
+                i + 1, tiles[i].from, tiles[i].to, tiles[i].text);
         }
     }
     std::vector<Interval> speech_, utterances_;
@@ -180,8 +191,10 @@ std::unique_ptr<SegmentWriter> make(FILE* stream) {
 
 const std::vector<SegmentFormat>& segment_formats() {
     static const std::vector<SegmentFormat> formats{
-        {"table", ".table", false, make<TableWriter>},   {"json", ".json", false, make<JsonWriter>},
-        {"csv", ".csv", false, make<CsvWriter>},       {"rttm", ".rttm", false, make<RttmWriter>},
+        {"table", ".table", false, make<TableWriter>},
+        {"json", ".json", false, make<JsonWriter>},
+        {"csv", ".csv", false, make<CsvWriter>},
+        {"rttm", ".rttm", false, make<RttmWriter>},
         {"audacity", ".txt", true, make<AudacityWriter>},
         {"textgrid", ".TextGrid", true, make<TextGridWriter>},
     };

@@ -71,7 +71,8 @@ std::string lower(std::string text) {
 const Parameter& parameter_named(const std::string& name) {
     std::string known;
     for (const Parameter& parameter : kParameters) {
-        if (lower(parameter.name) == lower(name) || lower(kPrefix + std::string(parameter.name)) == lower(name)) {
+        if (lower(parameter.name) == lower(name) ||
+            lower(kPrefix + std::string(parameter.name)) == lower(name)) {
             return parameter;
         }
         known += "\n  " + lower(parameter.name);
@@ -93,9 +94,10 @@ float parse_value(const Parameter& parameter, const std::string& text, double ra
     const bool is_switch = parameter.unit == Unit::kSwitch;
     if (end == text.c_str() || unit == units.end() || unit->second == 0.0 ||
         !std::isfinite(number) || number < 0 || (is_switch && number != 0 && number != 1)) {
-        const char* const wanted = is_switch                ? "0 or 1"
-                                   : per_millisecond == 0.0 ? "a number that is not negative"
-                                                            : "a number, or a time such as 600ms or 0.6s";
+        const char* const wanted = is_switch ? "0 or 1"
+                                   : per_millisecond == 0.0
+                                       ? "a number that is not negative"
+                                       : "a number, or a time such as 600ms or 0.6s";
         throw UsageError(lower(parameter.name) + " takes " + wanted + ", not '" + text + "'");
     }
     const double value = number * unit->second;
@@ -119,14 +121,17 @@ cfg_vad_t read_config(const std::string& path) {
 }
 
 bool is_key(const std::string& key) {
-    const auto named = [&](const Parameter& p) { return p.value != nullptr && kPrefix + std::string(p.name) == key; };
+    const auto named = [&](const Parameter& p) {
+        return p.value != nullptr && kPrefix + std::string(p.name) == key;
+    };
     return std::any_of(std::begin(kParameters), std::end(kParameters), named);
 }
 
 // Keys of a configuration file with a value that readcfg takes: its record cannot tell a value of zero
 // from a key that is not there. Warns, if told to, of lines that have no effect or another than they seem to.
 std::set<std::string> keys_of(const std::string& path, bool warn) {
-    static const std::set<std::string> texts{"PARAM_DNN_FILE", "PARAM_CMVN_FILE", "PARAM_SPEECH_OFFSET"};
+    static const std::set<std::string> texts{"PARAM_DNN_FILE", "PARAM_CMVN_FILE",
+                                             "PARAM_SPEECH_OFFSET"};
     std::set<std::string> keys;
     std::ifstream file(path);
     int number = 0, warnings = 0;
@@ -163,8 +168,9 @@ void set_parameter(CMFE& session, const Parameter& parameter, float value,
 // Audio is handed out from a ring: it has to hold the margin before speech, and the pause after which
 // speech goes on, since that one is handed out when it does.
 void lengthen_buffer(CMFE& session) {
-    const int longest = std::max(session._m_n_start_back_frame,
-                                 std::min(session._m_n_cfg_max_speech_pause, session._m_n_cfg_max_wait));
+    const int longest =
+        std::max(session._m_n_start_back_frame,
+                 std::min(session._m_n_cfg_max_speech_pause, session._m_n_cfg_max_wait));
     const int frames = std::min(longest, kLongestBuffer) + kBufferReserve;
     if (frames > session._m_n_buf_frames) {
         session.mfeSetParam(kBufferLength, static_cast<float>(frames * session._m_n_frame_shift));
@@ -176,7 +182,8 @@ void lengthen_buffer(CMFE& session) {
 // The host's part of a configuration: what the file sets, then what --set says, in the table's order.
 void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session) {
     static std::atomic<bool> warned{false};  // once, however many sessions take the file
-    const std::set<std::string> keys = keys_of(options.config, !options.config.empty() && !warned.exchange(true));
+    const std::set<std::string> keys =
+        keys_of(options.config, !options.config.empty() && !warned.exchange(true));
     std::map<int, std::string> chosen;
     for (const std::string& assignment : options.set) {
         const auto [parameter, text] = split(assignment);
@@ -186,8 +193,10 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
         const auto choice = chosen.find(parameter.id);
         if (choice != chosen.end()) {
             const double rate = session.mfeGetParam(kSampleRate);
-            set_parameter(session, parameter, parse_value(parameter, choice->second, rate), "--set");
-        } else if (parameter.value != nullptr && keys.count(std::string(kPrefix) + parameter.name) != 0) {
+            set_parameter(session, parameter, parse_value(parameter, choice->second, rate),
+                          "--set");
+        } else if (parameter.value != nullptr &&
+                   keys.count(std::string(kPrefix) + parameter.name) != 0) {
             set_parameter(session, parameter, parameter.value(config), options.config);
         }
     }
@@ -205,17 +214,25 @@ std::string configured_model(const cfg_vad_t& config) {
 
 void add_session_options(CLI::App& command, SessionOptions& options) {
     const char* const group = "Detection";
-    command.add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
-        ->type_name("FILE")->group(group);
-    command.add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
-        ->type_name("FILE")->group(group);
+    command
+        .add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
+        ->type_name("FILE")
+        ->group(group);
+    command
+        .add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
+        ->type_name("FILE")
+        ->group(group);
     command.add_option("--config", options.config, "Configuration file of PARAM_NAME:value lines")
-        ->type_name("FILE")->group(group);
+        ->type_name("FILE")
+        ->group(group);
     command
         .add_option("--set", options.set,
                     "A parameter by name, such as max_sp_pause=600ms or\n"
                     "dnn_speech_threshold=0.3; frames of 10 ms without a unit")
-        ->type_name("NAME=VALUE")->take_all()->allow_extra_args(false)->group(group);
+        ->type_name("NAME=VALUE")
+        ->take_all()
+        ->allow_extra_args(false)
+        ->group(group);
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {
@@ -223,8 +240,9 @@ std::string model_path(const SessionOptions& options, int recording_rate) {
         return options.model;
     }
     const std::string configured = configured_model(read_config(options.config));
-    return !configured.empty() ? configured
-                               : bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
+    return !configured.empty()
+               ? configured
+               : bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
 }
 
 std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_rate) {
@@ -243,7 +261,8 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
                                             session->_m_b_16k_model ? "16000" : "8000"));
     }
     if (bleep != nullptr && wanted && session->mfeGetParam(kBleepDetect) == 0) {
-        throw Failure(options.bleep, "not a usable template for this model (dnnvad info tells more)");
+        throw Failure(options.bleep,
+                      "not a usable template for this model (dnnvad info tells more)");
     }
     return session;
 }
@@ -253,18 +272,24 @@ std::string doubts(CMFE& session) {
     if (pause < wait) {
         return "";
     }
-    return format("max_sp_pause (%d frames) is not below max_wait_duration (%d): "
-                  "time-outs will end utterances, not pauses", pause, wait);
+    return format(
+        "max_sp_pause (%d frames) is not below max_wait_duration (%d): "
+        "time-outs will end utterances, not pauses",
+        pause, wait);
 }
 
 std::vector<std::string> changed_parameters(CMFE& session) {
     CMFE fresh;
     const auto value = [](const Parameter& parameter, CMFE& of) -> double {
         switch (parameter.id) {  // those that mfeGetParam cannot tell
-            case 9: return of._m_n_buf_frames;
-            case 11: return of._m_b_vad_enable ? 1 : 0;
-            case 14: return of._m_n_wait_after_minspeech;
-            default: return static_cast<double>(of.mfeGetParam(parameter.id));
+            case 9:
+                return of._m_n_buf_frames;
+            case 11:
+                return of._m_b_vad_enable ? 1 : 0;
+            case 14:
+                return of._m_n_wait_after_minspeech;
+            default:
+                return static_cast<double>(of.mfeGetParam(parameter.id));
         }
     };
     std::vector<std::string> changed;
@@ -274,8 +299,8 @@ std::vector<std::string> changed_parameters(CMFE& session) {
             const bool frames = parameter.unit == Unit::kFrames || parameter.unit == Unit::kSamples;
             const double scale = frames ? kFrameMilliseconds : 1;
             const char* const unit = frames ? " ms" : "";
-            changed.push_back(format("%s %g%s (default %g%s)", lower(parameter.name).c_str(), now * scale, unit,
-                                     usual * scale, unit));
+            changed.push_back(format("%s %g%s (default %g%s)", lower(parameter.name).c_str(),
+                                     now * scale, unit, usual * scale, unit));
         }
     }
     return changed;

@@ -13,8 +13,18 @@ class App;
 }
 
 // Session parameters that the program itself reads back (dnn_vad.h lists them all).
-enum ParameterId { kMaxPause = 3, kMinSpeech = 4, kMaxSpeech = 2, kHeadSilence = 5, kStartMargin = 6,
-                   kEndMargin = 7, kDebugLog = 8, kBufferLength = 9, kSampleRate = 13, kBleepDetect = 26 };
+enum ParameterId {
+    kMaxPause = 3,
+    kMinSpeech = 4,
+    kMaxSpeech = 2,
+    kHeadSilence = 5,
+    kStartMargin = 6,
+    kEndMargin = 7,
+    kDebugLog = 8,
+    kBufferLength = 9,
+    kSampleRate = 13,
+    kBleepDetect = 26
+};
 
 struct SessionOptions {
     std::string model;             // empty: the configuration file's, else the bundled one

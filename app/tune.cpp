@@ -61,8 +61,8 @@ struct Setting {
     std::vector<std::string> set;  // of the command line, then of the sweep
     Tally tally;
     double values[kMeasureCount];
-    double excess;                 // over the limits, in shares of them (of 1 where they are less)
-    std::vector<double> rank;      // the least is the best
+    double excess;             // over the limits, in shares of them (of 1 where they are less)
+    std::vector<double> rank;  // the least is the best
 };
 
 struct Collector : Watcher {
@@ -78,7 +78,8 @@ Recording read(const Options& o, const std::string& file) {
     r.samples = read_recording(file, static_cast<int>(session->mfeGetParam(kSampleRate)));
     r.seconds = static_cast<double>(r.samples.size()) / session->mfeGetParam(kSampleRate);
     if (!r.references.empty() && r.references.back().to > r.seconds + kSlack) {
-        std::fprintf(stderr, "dnnvad: warning: %s: its labels go on to %.2f s, but it ends at %.2f s\n",
+        std::fprintf(stderr,
+                     "dnnvad: warning: %s: its labels go on to %.2f s, but it ends at %.2f s\n",
                      file.c_str(), r.references.back().to, r.seconds);
     }
     while (!r.references.empty() && r.references.back().from >= r.seconds) {
@@ -121,7 +122,8 @@ void listen(const Options& o, const std::vector<Recording>& recordings, std::vec
     for (std::future<void>& worker : workers) {
         while (worker.wait_for(std::chrono::milliseconds(50)) != std::future_status::ready) {
             const std::size_t begun = std::min<std::size_t>(next, tallies.size());
-            progress.show("listening", static_cast<double>(begun) / static_cast<double>(tallies.size()));
+            progress.show("listening",
+                          static_cast<double>(begun) / static_cast<double>(tallies.size()));
         }
         worker.get();  // throws what the thread has thrown
     }
@@ -183,7 +185,8 @@ void rank(const Options& o, std::vector<Setting>& all) {
         for (std::size_t m = 0; m < kMeasureCount; ++m) {
             const double value = s.values[m] = kMeasures[m].value(s.tally);
             s.rank.push_back(std::isnan(value) ? INFINITY : value);
-            s.excess += value > o.limits[m] ? (value - o.limits[m]) / std::max(1.0, o.limits[m]) : 0;
+            s.excess +=
+                value > o.limits[m] ? (value - o.limits[m]) / std::max(1.0, o.limits[m]) : 0;
             if (o.target == kMeasures[m].name) {
                 s.rank[0] = std::isnan(value), s.rank[2] = s.rank.back();
             }
@@ -197,8 +200,9 @@ void rank(const Options& o, std::vector<Setting>& all) {
 std::string figure(double value) { return std::isfinite(value) ? format("%.5g", value) : "-"; }
 
 std::string basis(const Options& o, const Tally& t) {
-    return format("recordings: %zu, utterances: %.0f, outside them: %.1f s; least %s within the limits",
-                  o.files.size(), t.counts[kUtterances], t.counts[kQuiet], o.target.c_str());
+    return format(
+        "recordings: %zu, utterances: %.0f, outside them: %.1f s; least %s within the limits",
+        o.files.size(), t.counts[kUtterances], t.counts[kQuiet], o.target.c_str());
 }
 
 void print_table(const Options& o, const std::vector<Setting>& all) {
@@ -210,8 +214,8 @@ void print_table(const Options& o, const std::vector<Setting>& all) {
     }
     std::fprintf(results(), "%s\n%s\n%s\n", names.c_str(), units.c_str(), limits.c_str());
     for (const Setting& s : all) {
-        std::fprintf(results(), "%c %6.4g %6.4g %6d %6d", &s == all.data() ? '*' : ' ', s.start, s.end,
-                     10 * s.pause, 10 * s.margin);
+        std::fprintf(results(), "%c %6.4g %6.4g %6d %6d", &s == all.data() ? '*' : ' ', s.start,
+                     s.end, 10 * s.pause, 10 * s.margin);
         for (std::size_t m = 0; m < kMeasureCount; ++m) {
             const char* const mark = s.values[m] > o.limits[m] ? "!" : "";
             std::fprintf(results(), " %12s", (figure(s.values[m]) + mark).c_str());
@@ -223,12 +227,15 @@ void print_table(const Options& o, const std::vector<Setting>& all) {
 
 void print_json(const Options&, const std::vector<Setting>& all) {
     for (const Setting& s : all) {
-        nlohmann::ordered_json line{
-            {"start_threshold", s.start}, {"end_threshold", s.end}, {"pause_ms", 10 * s.pause},
-            {"margin_ms", 10 * s.margin}, {"wait_ms", 10 * s.wait},
-            {"utterances", static_cast<int>(s.tally.counts[kUtterances])},
-            {"quiet_seconds", s.tally.counts[kQuiet]},
-            {"excess", s.excess}, {"best", &s == all.data()}};
+        nlohmann::ordered_json line{{"start_threshold", s.start},
+                                    {"end_threshold", s.end},
+                                    {"pause_ms", 10 * s.pause},
+                                    {"margin_ms", 10 * s.margin},
+                                    {"wait_ms", 10 * s.wait},
+                                    {"utterances", static_cast<int>(s.tally.counts[kUtterances])},
+                                    {"quiet_seconds", s.tally.counts[kQuiet]},
+                                    {"excess", s.excess},
+                                    {"best", &s == all.data()}};
         for (std::size_t m = 0; m < kMeasureCount; ++m) {
             line[kMeasures[m].name] = s.values[m];  // what is no number becomes null
         }
@@ -242,7 +249,8 @@ void write_config(const Options& o, const Setting& best, FILE* stream) {
                  o.session.bleep.empty() ? "" : "; with --bleep, which has no key");
     for (std::size_t m = 0; m < kMeasureCount; ++m) {
         std::fprintf(stream, "# %s: %s %s (limit: %s)\n", kMeasures[m].name,
-                     figure(best.values[m]).c_str(), kMeasures[m].unit, figure(o.limits[m]).c_str());
+                     figure(best.values[m]).c_str(), kMeasures[m].unit,
+                     figure(o.limits[m]).c_str());
     }
     std::string lines = '\n' + config_lines(best.set);
     lines += o.session.model.empty() ? "" : "PARAM_DNN_FILE:" + o.session.model + '\n';
@@ -294,26 +302,40 @@ int run(const Options& o) {
 void add_tune(CLI::App& program, Action& action) {
     const auto options = std::make_shared<Options>();
     Options& o = *options;
-    CLI::App& command = *program.add_subcommand("tune", "Find parameters that suit labelled recordings");
+    CLI::App& command =
+        *program.add_subcommand("tune", "Find parameters that suit labelled recordings");
     command.add_option("files", o.files, "Recordings in any format of libsndfile")
-        ->required()->type_name("FILE");
-    command.add_option("--labels", o.labels,
-                       "Folder with STEM.TextGrid (Praat, tier \"speech\" or the first), STEM.txt\n"
-                       "(Audacity, or lines of start and end), STEM.rttm or another .rttm file for\n"
-                       "every recording STEM.*; the first of these counts")
-        ->required()->type_name("DIR");
-    command.add_option("--join", o.join,
-                       "Labels with less than this between them are one utterance: who pauses so\n"
-                       "long has not finished")
-        ->type_name("SECONDS")->check(CLI::Range(0.0, 60.0))->capture_default_str();
+        ->required()
+        ->type_name("FILE");
+    command
+        .add_option("--labels", o.labels,
+                    "Folder with STEM.TextGrid (Praat, tier \"speech\" or the first), STEM.txt\n"
+                    "(Audacity, or lines of start and end), STEM.rttm or another .rttm file for\n"
+                    "every recording STEM.*; the first of these counts")
+        ->required()
+        ->type_name("DIR");
+    command
+        .add_option("--join", o.join,
+                    "Labels with less than this between them are one utterance: who pauses so\n"
+                    "long has not finished")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 60.0))
+        ->capture_default_str();
     const auto sweep = [&command](const char* name, auto& values, const char* what) {
-        return command.add_option(name, values, what)->delimiter(',')->take_all()
-            ->allow_extra_args(false)->type_name("LIST")->group("Sweep")->capture_default_str();
+        return command.add_option(name, values, what)
+            ->delimiter(',')
+            ->take_all()
+            ->allow_extra_args(false)
+            ->type_name("LIST")
+            ->group("Sweep")
+            ->capture_default_str();
     };
-    sweep("--thresholds", o.thresholds, "Scores at which speech starts")->check(CLI::Range(0.0, 2.0));
+    sweep("--thresholds", o.thresholds, "Scores at which speech starts")
+        ->check(CLI::Range(0.0, 2.0));
     sweep("--end-ratio", o.end_ratios, "Scores at which it ends, as shares of these")
         ->check(CLI::Range(0.0, 1.0));
-    sweep("--pauses", o.pauses, "Pause limits, as 60 (frames) or 600ms; a longer one\n"
+    sweep("--pauses", o.pauses,
+          "Pause limits, as 60 (frames) or 600ms; a longer one\n"
           "raises the wait limit too");
     sweep("--margins", o.margins, "Margins, before and after speech alike");
     std::vector<std::string> names;
@@ -321,17 +343,26 @@ void add_tune(CLI::App& program, Action& action) {
         names.emplace_back(kMeasures[m].name);
         o.limits[m] = kMeasures[m].limit;
         command.add_option("--max-" + names.back(), o.limits[m], kMeasures[m].meaning)
-            ->type_name(kMeasures[m].unit)->group("Measures and their limits")->capture_default_str();
+            ->type_name(kMeasures[m].unit)
+            ->group("Measures and their limits")
+            ->capture_default_str();
     }
-    command.add_option("--target", o.target,
-                       "The measure to make small within the limits; when no setting meets them,\n"
-                       "the one counts that breaks them least, in shares of the limits")
-        ->type_name("NAME")->check(CLI::IsMember(names))->capture_default_str();
+    command
+        .add_option("--target", o.target,
+                    "The measure to make small within the limits; when no setting meets them,\n"
+                    "the one counts that breaks them least, in shares of the limits")
+        ->type_name("NAME")
+        ->check(CLI::IsMember(names))
+        ->capture_default_str();
     command.add_option("-o,--output", o.output, "Write the best setting as a configuration file")
         ->type_name("FILE");
-    command.add_option("-f,--format", o.format, "How the figures are written; json: an object a line")
-        ->check(CLI::IsMember({"table", "json"}))->capture_default_str();
-    command.add_option("-j,--jobs", o.jobs, "Threads")->check(CLI::Range(1, 256))->capture_default_str();
+    command
+        .add_option("-f,--format", o.format, "How the figures are written; json: an object a line")
+        ->check(CLI::IsMember({"table", "json"}))
+        ->capture_default_str();
+    command.add_option("-j,--jobs", o.jobs, "Threads")
+        ->check(CLI::Range(1, 256))
+        ->capture_default_str();
     add_session_options(command, o.session);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -12,7 +12,9 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     if (network->getState() != 2) {
         return;
     }
-    const auto size_of = [&network](int k) { return static_cast<std::size_t>(network->_layer_size[k]); };
+    const auto size_of = [&network](int k) {
+        return static_cast<std::size_t>(network->_layer_size[k]);
+    };
     std::size_t weights = 0;
     for (int k = 0; k + 1 < network->_layer_number; ++k) {
         weights += size_of(k) * size_of(k + 1);

@@ -57,8 +57,12 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
                 }
                 break;
             }
-            case 1: session->mfeSetParam(reader.take<std::uint8_t>() % 30, reader.take<std::int16_t>()); break;
-            case 2: session->mfeGetParam(reader.take<std::int8_t>()); break;
+            case 1:
+                session->mfeSetParam(reader.take<std::uint8_t>() % 30, reader.take<std::int16_t>());
+                break;
+            case 2:
+                session->mfeGetParam(reader.take<std::int8_t>());
+                break;
             case 3: {
                 const bool wide = (reader.take<std::uint8_t>() & 1) != 0;
                 if (++inits <= 4) {
@@ -67,34 +71,65 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
                 }
                 break;
             }
-            case 4: if (++inits <= 4) session->mfeInit(some_file(reader, model, kModels[0])); break;
-            case 5: session->mfeReset(); break;
-            case 6: session->mfeExit(); break;
-            case 7: session->mfeSendData(nullptr, 0); break;
-            case 8: session->mfeSendData(nullptr, reader.take<std::int16_t>()); break;
+            case 4:
+                if (++inits <= 4)
+                    session->mfeInit(some_file(reader, model, kModels[0]));
+                break;
+            case 5:
+                session->mfeReset();
+                break;
+            case 6:
+                session->mfeExit();
+                break;
+            case 7:
+                session->mfeSendData(nullptr, 0);
+                break;
+            case 8:
+                session->mfeSendData(nullptr, reader.take<std::int16_t>());
+                break;
             case 9: {
                 const int count = reader.take<std::int16_t>();
                 const std::vector<short> samples = sound(position, count > 0 ? count : 1);
                 session->mfeSendData(samples.data(), count);
                 break;
             }
-            case 10: session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::uint16_t>()); break;
-            case 11: session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::int8_t>()); break;
-            case 12: session->mfeGetCallbackData(nullptr, nullptr, 1); break;
-            case 13: session->mfeIsSil(reader.take<std::int16_t>(), reader.take<std::int16_t>()); break;
-            case 14: session->mfeIsSil(reader.take<int>(), reader.take<int>()); break;
-            case 15: session->mfeGetFrame(reader.take<int>()); break;
-            case 16: session->mfeGetSamplespot(reader.take<int>()); break;
-            case 17: session->mfeVADOneFrame(reader.take<std::int16_t>(), true); break;
+            case 10:
+                session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::uint16_t>());
+                break;
+            case 11:
+                session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::int8_t>());
+                break;
+            case 12:
+                session->mfeGetCallbackData(nullptr, nullptr, 1);
+                break;
+            case 13:
+                session->mfeIsSil(reader.take<std::int16_t>(), reader.take<std::int16_t>());
+                break;
+            case 14:
+                session->mfeIsSil(reader.take<int>(), reader.take<int>());
+                break;
+            case 15:
+                session->mfeGetFrame(reader.take<int>());
+                break;
+            case 16:
+                session->mfeGetSamplespot(reader.take<int>());
+                break;
+            case 17:
+                session->mfeVADOneFrame(reader.take<std::int16_t>(), true);
+                break;
             case 18: {
                 const int count = reader.take<std::int16_t>() & 1023;
                 const std::vector<short> samples = sound(position, count + 1);
-                session->mfeVADOneFrame(samples.data(), count - 8, reader.take<std::int16_t>(), (count & 1) != 0);
+                session->mfeVADOneFrame(samples.data(), count - 8, reader.take<std::int16_t>(),
+                                        (count & 1) != 0);
                 break;
             }
-            case 19: session->PrintSegment("/dev/null"); break;
+            case 19:
+                session->PrintSegment("/dev/null");
+                break;
             case 20: {
-                const int capacity = reader.take<std::uint16_t>(), count = reader.take<std::int16_t>();
+                const int capacity = reader.take<std::uint16_t>(),
+                          count = reader.take<std::int16_t>();
                 const auto room = static_cast<std::size_t>(capacity) + 1;
                 std::vector<short> from(room, 1000), to(room);
                 int written;
@@ -102,11 +137,21 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
                                      reader.take<std::int16_t>(), &written, capacity);
                 break;
             }
-            case 21: session->mfeSetLogLevel(reader.take<std::int8_t>()); break;
-            case 22: session->mfeAdjustPauseThreshold(reader.take<int>()); break;
-            case 23: session->UserStop(); break;
-            case 24: session->MakeSegment(); break;
-            case 25: session->mfeReturnStatus(reader.take<int>()); break;
+            case 21:
+                session->mfeSetLogLevel(reader.take<std::int8_t>());
+                break;
+            case 22:
+                session->mfeAdjustPauseThreshold(reader.take<int>());
+                break;
+            case 23:
+                session->UserStop();
+                break;
+            case 24:
+                session->MakeSegment();
+                break;
+            case 25:
+                session->mfeReturnStatus(reader.take<int>());
+                break;
             default: {  // as a host does, for a while
                 for (int chunk = reader.take<std::uint8_t>() % 32; chunk >= 0; --chunk) {
                     const std::vector<short> samples = sound(position, session->_m_n_frame_shift);

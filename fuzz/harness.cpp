@@ -76,10 +76,12 @@ std::vector<short> period() {
     for (int k = 0; k < kPeriod; ++k) {
         const double t = k / 8000.0;
         const double voiced = std::sin(2 * M_PI * 140 * t) + std::sin(2 * M_PI * 700 * t) / 2;
-        const double noise = static_cast<double>(static_cast<unsigned>(k) * 2654435761U >> 16) / 32768 - 1;
+        const double noise =
+            static_cast<double>(static_cast<unsigned>(k) * 2654435761U >> 16) / 32768 - 1;
         const int part = k / (kPeriod / 4);
-        samples[static_cast<std::size_t>(k)] =
-            static_cast<short>(part == 0 ? 6000 * voiced : part == 1 ? 4000 * noise : 20 * noise);
+        samples[static_cast<std::size_t>(k)] = static_cast<short>(part == 0   ? 6000 * voiced
+                                                                  : part == 1 ? 4000 * noise
+                                                                              : 20 * noise);
     }
     return samples;
 }
@@ -90,8 +92,8 @@ std::vector<short> sound(int at, int count) {
     static const std::vector<short> whole = period();
     std::vector<short> samples(static_cast<std::size_t>(count));
     for (int k = 0; k < count; ++k) {
-        samples[static_cast<std::size_t>(k)] =
-            whole[static_cast<std::size_t>((static_cast<unsigned>(at) + static_cast<unsigned>(k)) % kPeriod)];
+        samples[static_cast<std::size_t>(k)] = whole[static_cast<std::size_t>(
+            (static_cast<unsigned>(at) + static_cast<unsigned>(k)) % kPeriod)];
     }
     return samples;
 }

@@ -19,9 +19,9 @@
 namespace {
 
 bool counting = false;
-int allocations = 0;    // since counting began
-int failing = -1;       // which of them fails
-long long living = 0;   // blocks allocated and not freed, of all time
+int allocations = 0;   // since counting began
+int failing = -1;      // which of them fails
+long long living = 0;  // blocks allocated and not freed, of all time
 
 bool fails() { return counting && allocations++ == failing; }
 
@@ -125,7 +125,8 @@ TEST_P(Allocation, FailsCleanly) {
         if (child == 0) {
             dup2(ends[1], STDERR_FILENO);
             std::freopen("/dev/null", "w", stdout) == nullptr ? _exit(99) : void();
-            initialise_once(models + "vad" + rate + ".bin", models + "bleep" + rate + ".txt", number);
+            initialise_once(models + "vad" + rate + ".bin", models + "bleep" + rate + ".txt",
+                            number);
         }
         close(ends[1]);
         std::string said;
@@ -145,8 +146,9 @@ TEST_P(Allocation, FailsCleanly) {
             continue;
         }
         EXPECT_EQ(WTERMSIG(how), SIGABRT) << "allocation " << number << "\n" << said;
-        const char* const known[] = {"`_layer_size'", "`fe_opt'", "`fe_opt->fbinfo'", "`fb'", "`fb->cf'",
-                                     "`fb->loChan'", "`fb->loWt'", "`fb.fftPlan'", "`fb.fftBuffer'"};
+        const char* const known[] = {"`_layer_size'", "`fe_opt'",     "`fe_opt->fbinfo'",
+                                     "`fb'",          "`fb->cf'",     "`fb->loChan'",
+                                     "`fb->loWt'",    "`fb.fftPlan'", "`fb.fftBuffer'"};
         bool found = false;
         for (const char* const assertion : known) {
             found = found || said.find(assertion) != std::string::npos;

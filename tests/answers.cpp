@@ -53,7 +53,8 @@ int main(int argc, char** argv) {
         session.mfeGetCallbackData(reinterpret_cast<char*>(handed.data()), &bytes,
                                    static_cast<int>(handed.size() * sizeof(short)));
         for (int k = 0; k < bytes / 2; ++k) {
-            digest = (digest ^ static_cast<std::uint16_t>(handed[static_cast<std::size_t>(k)])) * 1099511628211U;
+            digest = (digest ^ static_cast<std::uint16_t>(handed[static_cast<std::size_t>(k)])) *
+                     1099511628211U;
         }
         for (int f = session._m_n_pass_first_frame; f < session._m_n_cur_frame; ++f) {
             put(out, session._m_p_frame_state[f % session._m_n_ring_frames]);

@@ -38,8 +38,9 @@ TEST_P(RecordBleep, LeavesTheCommandAlone) {
     const Case& c = GetParam();
     const std::string prompt = test::source("samples/prompt-" + c.size + ".wav");
     const test::TempFile made("");
-    const std::string learn = "dnnvad record-bleep --renderings 60 " + prompt + " -o " + made.path() +
-                              " --speech " + test::source("samples/roadsigns-8k.wav") + " " +
+    const std::string learn = "dnnvad record-bleep --renderings 60 " + prompt + " -o " +
+                              made.path() + " --speech " +
+                              test::source("samples/roadsigns-8k.wav") + " " +
                               test::source("samples/stream-16k.wav") + " 2>/dev/null";
     const test::Result learnt = test::run(learn);
     ASSERT_EQ(learnt.status, 0);
@@ -58,8 +59,9 @@ TEST_P(RecordBleep, LeavesTheCommandAlone) {
     stream.insert(stream.end(), at(c.quiet), at(c.quiet + 1.5));
     const test::TempFile raw(bytes(stream));
     const auto first_speech = [&](const std::string& options) {
-        std::istringstream rows(test::run("dnnvad detect -f csv --raw " + std::to_string(c.rate) + " " +
-                                          options + " " + raw.path()).output);
+        std::istringstream rows(test::run("dnnvad detect -f csv --raw " + std::to_string(c.rate) +
+                                          " " + options + " " + raw.path())
+                                    .output);
         std::vector<double> found;
         std::string row;
         for (std::getline(rows, row); std::getline(rows, row);) {
@@ -81,17 +83,19 @@ TEST_P(RecordBleep, LeavesTheCommandAlone) {
     EXPECT_EQ(test::run("dnnvad info " + std::string(made.path())).status, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Bundled, RecordBleep,
-                         testing::Values(Case{8000, "8k", "samples/roadsigns-8k.wav", 4.0, 1.1, 3.9},
-                                         Case{16000, "16k", "samples/stream-16k.wav", 9.0, 1.5, 3.5}),
-                         [](const auto& info) { return info.param.size; });
+INSTANTIATE_TEST_SUITE_P(
+    Bundled, RecordBleep,
+    testing::Values(Case{8000, "8k", "samples/roadsigns-8k.wav", 4.0, 1.1, 3.9},
+                    Case{16000, "16k", "samples/stream-16k.wav", 9.0, 1.5, 3.5}),
+    [](const auto& info) { return info.param.size; });
 
 TEST(RecordBleepRefuses, WhatNoTemplateCanHelp) {
     const auto learn = [](const std::string& prompt, const std::string& speech) {
         const test::TempFile out("");
         std::filesystem::remove(out.path());
-        const test::Result result = test::run("dnnvad record-bleep --renderings 30 " + prompt + " -o " +
-                                              out.path() + " --speech " + speech + " 2>&1");
+        const test::Result result =
+            test::run("dnnvad record-bleep --renderings 30 " + prompt + " -o " + out.path() +
+                      " --speech " + speech + " 2>&1");
         EXPECT_EQ(result.status, 1) << result.output;
         EXPECT_FALSE(std::filesystem::exists(out.path()));
         return result.output;

@@ -117,7 +117,8 @@ TEST(Detect, FindsTheSameWhateverTheAudioComesIn) {
     write_sound(other.path(), samples, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, {0.25F, 1.0F, 1.75F});
     EXPECT_EQ(run(std::string("dnnvad detect ") + other.path()).output, expected);
     EXPECT_EQ(run(std::string("dnnvad detect --channel 2 ") + other.path()).output, expected);
-    const test::Result missing = run(std::string("dnnvad detect --channel 4 ") + other.path() + " 2>&1");
+    const test::Result missing =
+        run(std::string("dnnvad detect --channel 4 ") + other.path() + " 2>&1");
     EXPECT_EQ(missing.status, 1);
     EXPECT_NE(missing.output.find("has 3 channels"), std::string::npos) << missing.output;
 }
@@ -139,13 +140,15 @@ TEST(Detect, ConvertsRatesAndCountsWhatIsClipped) {
         EXPECT_NEAR(rows[k].peak, expected[k].peak - 6.0, 0.7);
     }
     write_sound(other.path(), slow, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, {8.0F});
-    const std::string told = run(std::string("dnnvad detect ") + other.path() + " 2>&1 >/dev/null").output;
+    const std::string told =
+        run(std::string("dnnvad detect ") + other.path() + " 2>&1 >/dev/null").output;
     EXPECT_NE(told.find("samples beyond full scale were clipped"), std::string::npos) << told;
 }
 
 TEST(Detect, WritesEveryFormat) {
     const std::vector<Line> rows = table(run("dnnvad detect " + kRoadsigns).output);
-    const std::vector<nlohmann::json> json = utterances(run("dnnvad detect -f json " + kRoadsigns).output);
+    const std::vector<nlohmann::json> json =
+        utterances(run("dnnvad detect -f json " + kRoadsigns).output);
     std::istringstream csv(run("dnnvad detect -f csv " + kRoadsigns).output);
     std::istringstream rttm(run("dnnvad detect -f rttm " + kRoadsigns).output);
     std::istringstream audacity(run("dnnvad detect -f audacity " + kRoadsigns).output);
@@ -158,9 +161,11 @@ TEST(Detect, WritesEveryFormat) {
         EXPECT_EQ(json[k]["start"], row.start);
         EXPECT_EQ(json[k]["last_speech"], row.last);
         EXPECT_EQ(json[k]["ended_by"], row.reason);
-        EXPECT_NEAR(json[k]["decided"], row.last + 0.94, 0.02);  // the pause, and the frame in progress
+        EXPECT_NEAR(json[k]["decided"], row.last + 0.94,
+                    0.02);  // the pause, and the frame in progress
         std::getline(csv, line);
-        EXPECT_EQ(line.rfind(kRoadsigns + "," + test::format("%.2f,%.2f", row.start, row.end), 0), 0U);
+        EXPECT_EQ(line.rfind(kRoadsigns + "," + test::format("%.2f,%.2f", row.start, row.end), 0),
+                  0U);
         std::getline(rttm, line);
         EXPECT_EQ(line, test::format("SPEAKER roadsigns-8k 1 %.3f %.3f <NA> <NA> speech <NA> <NA>",
                                      row.first, row.last + 0.01 - row.first));
@@ -171,7 +176,9 @@ TEST(Detect, WritesEveryFormat) {
 
 TEST(Detect, WritesATextGridWhoseIntervalsTileTheRecording) {
     const test::TempFile grid("");
-    ASSERT_EQ(run(std::string("dnnvad detect -f textgrid -o ") + grid.path() + " " + kRoadsigns).status, 0);
+    ASSERT_EQ(
+        run(std::string("dnnvad detect -f textgrid -o ") + grid.path() + " " + kRoadsigns).status,
+        0);
     std::istringstream text(read_file(grid.path()));
     double begin = -1, end = -1, duration = -1, covered = 0;
     int speech = 0, pause = 0;
@@ -187,7 +194,8 @@ TEST(Detect, WritesATextGridWhoseIntervalsTileTheRecording) {
             line.rfind("            ", 0) == 0) {
             EXPECT_EQ(begin, covered);
         }
-        if (line.rfind("            xmax", 0) == 0 && std::sscanf(line.c_str(), " xmax = %lf", &end) == 1) {
+        if (line.rfind("            xmax", 0) == 0 &&
+            std::sscanf(line.c_str(), " xmax = %lf", &end) == 1) {
             EXPECT_GT(end, covered);
             covered = end;
         }
@@ -208,7 +216,8 @@ TEST(Detect, CutsWhatTheSessionHandsOut) {
         ASSERT_EQ(found.size(), 2U);
         for (const nlohmann::json& u : found) {
             const std::vector<short> cut = samples_of(u["cut"]);
-            const auto begin = whole.begin() + static_cast<int>(std::lround(u["start"].get<double>() * 16000));
+            const auto begin =
+                whole.begin() + static_cast<int>(std::lround(u["start"].get<double>() * 16000));
             EXPECT_TRUE(std::equal(cut.begin(), cut.end(), begin));
             // It ends where the last frame does, 15 ms after that frame's begin plus shift.
             EXPECT_NEAR(static_cast<double>(cut.size()) / 16000, u["duration"], 0.03);
@@ -221,8 +230,9 @@ TEST(Detect, CutsWhatTheSessionHandsOut) {
 
 // Keys that the file leaves out keep their defaults: a start margin of 0 comes only from its key.
 TEST(Detect, TakesParametersFromFileAndByName) {
-    const test::TempFile config("# margins\nPARAM_START_BACK_FRAME:0\nPARAM_END_BACK_FRAME: 5\n"
-                                "PARAM_MAX_SP_PAUSE: none\n");
+    const test::TempFile config(
+        "# margins\nPARAM_START_BACK_FRAME:0\nPARAM_END_BACK_FRAME: 5\n"
+        "PARAM_MAX_SP_PAUSE: none\n");
     const std::string command = std::string("dnnvad detect --config ") + config.path() + " ";
     const std::vector<Line> rows = table(run(command + kRoadsigns).output);
     ASSERT_EQ(rows.size(), 3U);
@@ -230,8 +240,8 @@ TEST(Detect, TakesParametersFromFileAndByName) {
         EXPECT_EQ(row.start, row.first);
         EXPECT_NEAR(row.end, row.last + 0.05, 1e-6);
     }
-    const std::vector<Line> named =
-        table(run(command + "--set START_back_frame=50ms --set end_back_frame=7 " + kRoadsigns).output);
+    const std::vector<Line> named = table(
+        run(command + "--set START_back_frame=50ms --set end_back_frame=7 " + kRoadsigns).output);
     ASSERT_EQ(named.size(), 3U);
     for (const Line& row : named) {
         EXPECT_NEAR(row.first - row.start, 0.05, 1e-6);
@@ -239,13 +249,17 @@ TEST(Detect, TakesParametersFromFileAndByName) {
     }
     // A pause limit of 200 ms parts the second utterance of the stream, whose pauses are longer.
     const std::string stream = "dnnvad detect " + kStream;
-    EXPECT_GT(table(run(stream + " --set max_sp_pause=0.2s").output).size(), table(run(stream).output).size());
-    const test::TempFile odd("PARAM_MAX_SP_PAUSE:60\n\n# nothing\nPARAM_BLEEP_DETECT:1 s\nmax_sp_pause=3\n");
-    const std::string told = run("dnnvad detect --config " + std::string(odd.path()) + " " + kStream +
-                                 " 2>&1 >/dev/null").output;
+    EXPECT_GT(table(run(stream + " --set max_sp_pause=0.2s").output).size(),
+              table(run(stream).output).size());
+    const test::TempFile odd(
+        "PARAM_MAX_SP_PAUSE:60\n\n# nothing\nPARAM_BLEEP_DETECT:1 s\nmax_sp_pause=3\n");
+    const std::string told = run("dnnvad detect --config " + std::string(odd.path()) + " " +
+                                 kStream + " 2>&1 >/dev/null")
+                                 .output;
     EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
-    EXPECT_NE(run(stream + " --set max_sp_pause=2s 2>&1 >/dev/null").output.find("not below max_wait"),
-              std::string::npos);
+    EXPECT_NE(
+        run(stream + " --set max_sp_pause=2s 2>&1 >/dev/null").output.find("not below max_wait"),
+        std::string::npos);
 }
 
 // Speech again at the very moment at which the session is reset after its time-out: the margin before
@@ -254,7 +268,8 @@ TEST(Detect, ListensOnAfterTimeOuts) {
     const std::vector<short> all = samples_of(kRoadsigns);
     const std::vector<Line> rows = table(run("dnnvad detect " + kRoadsigns).output);
     const auto sample = [](double seconds) { return static_cast<std::ptrdiff_t>(seconds * 8000); };
-    const std::vector<short> word(all.begin() + sample(rows[0].start), all.begin() + sample(rows[0].end));
+    const std::vector<short> word(all.begin() + sample(rows[0].start),
+                                  all.begin() + sample(rows[0].end));
     const test::TempFile made("");
     for (const double silence : {0.3, 0.5, 0.7, 4.4, 9.0}) {
         std::vector<short> stream = word;
@@ -262,10 +277,12 @@ TEST(Detect, ListensOnAfterTimeOuts) {
         stream.insert(stream.end(), word.begin(), word.end());
         stream.insert(stream.end(), 16000, 0);
         write_sound(made.path(), stream, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16, {1.0F});
-        const std::vector<Line> found = table(run(std::string("dnnvad detect ") + made.path()).output);
+        const std::vector<Line> found =
+            table(run(std::string("dnnvad detect ") + made.path()).output);
         ASSERT_EQ(found.size(), 2U) << silence;
         EXPECT_NEAR(found[1].first - found[0].first,
-                    static_cast<double>(word.size()) / 8000 + silence, 0.1) << silence;
+                    static_cast<double>(word.size()) / 8000 + silence, 0.1)
+            << silence;
         EXPECT_NEAR(found[1].first - found[1].start, 0.4, 0.011) << silence;
     }
     // However long the margin, what was heard again is not an utterance again.
@@ -282,15 +299,20 @@ TEST(Detect, WritesOverNoRecording) {
     std::ofstream(copy, std::ios::binary) << content;
     EXPECT_EQ(run("dnnvad detect -o " + copy + " " + copy + " 2>&1").status, 2);
     EXPECT_EQ(run("cd " + folder.path() + "; dnnvad detect --cut . a.wav 2>&1").status, 2);
-    EXPECT_EQ(run("dnnvad detect -o " + folder.path() + "/x/ " + copy + " " + copy + " 2>&1").status, 2);
-    EXPECT_EQ(run("dnnvad tune --labels " + source("samples") + " -o " + copy + " " + copy + " 2>&1").status, 2);
+    EXPECT_EQ(
+        run("dnnvad detect -o " + folder.path() + "/x/ " + copy + " " + copy + " 2>&1").status, 2);
+    EXPECT_EQ(
+        run("dnnvad tune --labels " + source("samples") + " -o " + copy + " " + copy + " 2>&1")
+            .status,
+        2);
     EXPECT_EQ(read_file(copy), content);
 }
 
 TEST(Detect, GoesThroughSeveralRecordings) {
     const test::TempDir folder;
     const std::string both = kRoadsigns + " " + source("README.md") + " " + kStream;
-    const test::Result mixed = run("dnnvad detect -f csv " + both + " 2>" + folder.path() + "/errors");
+    const test::Result mixed =
+        run("dnnvad detect -f csv " + both + " 2>" + folder.path() + "/errors");
     EXPECT_EQ(mixed.status, 1);
     EXPECT_EQ(std::count(mixed.output.begin(), mixed.output.end(), '\n'), 1 + 3 + 2);
     const std::string errors = read_file(folder.path() + "/errors");
@@ -298,8 +320,10 @@ TEST(Detect, GoesThroughSeveralRecordings) {
     EXPECT_NE(errors.find("3 recordings, 5 utterances, 1 failed"), std::string::npos) << errors;
 
     run("dnnvad detect -f textgrid -o " + folder.path() + " " + both + " 2>/dev/null");
-    EXPECT_EQ(run("ls " + folder.path()).output, "errors\nroadsigns-8k.TextGrid\nstream-16k.TextGrid\n");
-    EXPECT_EQ(run("dnnvad detect -f audacity " + kRoadsigns + " " + kStream + " 2>/dev/null").status, 2);
+    EXPECT_EQ(run("ls " + folder.path()).output,
+              "errors\nroadsigns-8k.TextGrid\nstream-16k.TextGrid\n");
+    EXPECT_EQ(
+        run("dnnvad detect -f audacity " + kRoadsigns + " " + kStream + " 2>/dev/null").status, 2);
 }
 
 TEST(Detect, KeepsTheLibrarysLinesApart) {
@@ -314,9 +338,11 @@ TEST(Detect, SaysWhatIsWrong) {
     const test::TempDir folder;
     const std::string text = source("LICENSE");
     for (const std::string& arguments :
-         {std::string(""), std::string("detect"), std::string("detct x"), "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
+         {std::string(""), std::string("detect"), std::string("detct x"),
+          "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
           "detect --set nothing=1 " + kRoadsigns, "detect --set max_sp_pause=soon " + kRoadsigns,
-          "detect --set dnn_speech_threshold=1s " + kRoadsigns, "detect --margin -1 " + kRoadsigns}) {
+          "detect --set dnn_speech_threshold=1s " + kRoadsigns,
+          "detect --margin -1 " + kRoadsigns}) {
         const test::Result result = run("dnnvad " + arguments + " 2>&1 >/dev/null");
         EXPECT_EQ(result.status, 2) << arguments;
         EXPECT_EQ(result.output.rfind("dnnvad: ", 0), 0U) << arguments << result.output;
@@ -325,9 +351,11 @@ TEST(Detect, SaysWhatIsWrong) {
     for (const std::string& arguments :
          {text, std::string("/nonexistent.wav"), "--model " + text + " " + kRoadsigns,
           "--bleep " + text + " " + kRoadsigns,
-          "--bleep " + source("models/bleep16k.txt") + " " + kRoadsigns, "--config /nonexistent " + kRoadsigns,
-          "-o /nonexistent/x " + kRoadsigns, "--cut /dev/null/x " + kRoadsigns,
-          kRoadsigns + " -o " + folder.path() + "/out --model " + text, kRoadsigns + " >/dev/full"}) {
+          "--bleep " + source("models/bleep16k.txt") + " " + kRoadsigns,
+          "--config /nonexistent " + kRoadsigns, "-o /nonexistent/x " + kRoadsigns,
+          "--cut /dev/null/x " + kRoadsigns,
+          kRoadsigns + " -o " + folder.path() + "/out --model " + text,
+          kRoadsigns + " >/dev/full"}) {
         const test::Result result = run("{ dnnvad detect " + arguments + "; } 2>&1 >/dev/null");
         EXPECT_EQ(result.status, 1) << arguments;
         EXPECT_EQ(result.output.rfind("dnnvad: ", 0), 0U) << arguments << result.output;

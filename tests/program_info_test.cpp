@@ -27,9 +27,10 @@ std::string names(const Files& files) {
 
 // Whether a host can start with each model: it ends with 1, not 2 or an assertion, when nothing follows.
 Verdicts starts_host(const Files& files) {
-    std::istringstream statuses(
-        test::run("exec 2>/dev/null; for model in" + names(files) +
-                  "; do " DNNVAD_HOST " $model </dev/null >/dev/null; echo $?; done").output);
+    std::istringstream statuses(test::run("exec 2>/dev/null; for model in" + names(files) +
+                                          "; do " DNNVAD_HOST
+                                          " $model </dev/null >/dev/null; echo $?; done")
+                                    .output);
     Verdicts usable;
     for (int status; statuses >> status;) {
         usable.push_back(status == 1);
@@ -69,7 +70,8 @@ int compare(const std::vector<std::string>& contents, Verdicts (*library)(const 
         constexpr double kPlenty = 1e8;
         double claimed = 0;
         if (error.empty() && !all[i]["doubts"].empty()) {
-            std::sscanf(all[i]["doubts"][0].get<std::string>().c_str(), "the layers need %lf", &claimed);
+            std::sscanf(all[i]["doubts"][0].get<std::string>().c_str(), "the layers need %lf",
+                        &claimed);
         }
         if (claimed > kPlenty) {
             continue;
@@ -91,7 +93,8 @@ int compare(const std::vector<std::string>& contents, Verdicts (*library)(const 
 
 TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
     const std::string whole = test::random_model({52, 8, 9}).bytes();
-    std::vector<std::string> contents{whole, "", test::random_model({52, 5}).bytes(), whole + "rest"};
+    std::vector<std::string> contents{whole, "", test::random_model({52, 5}).bytes(),
+                                      whole + "rest"};
     for (std::size_t end = 1; end < whole.size(); end += 1 + whole.size() / 60) {
         contents.push_back(whole.substr(0, end));
     }
@@ -112,7 +115,8 @@ TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
     for (const int dimension : {-1, 0, 25, 40, 2000000000}) {
         with([&](test::Model& m) { m.header[0] = dimension; });
     }
-    for (const char* line : {"0\n", "-5\n", "x\n", "2147483647\n", "99999999999\n", "10\n", "600\n"}) {
+    for (const char* line :
+         {"0\n", "-5\n", "x\n", "2147483647\n", "99999999999\n", "10\n", "600\n"}) {
         with([&](test::Model& m) { m.count_line = line; });
     }
     for (const int number : {0, 1, 2, 4, -3, 2147483647}) {
@@ -136,7 +140,8 @@ TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
 }
 
 TEST(Info, SaysWhatIsInAModelAndWhereItGoesWrong) {
-    const json models = info(test::source("models/vad8k.bin") + " " + test::source("models/vad16k.bin"));
+    const json models =
+        info(test::source("models/vad8k.bin") + " " + test::source("models/vad16k.bin"));
     EXPECT_EQ(models[0]["layers"], json({442, 96, 64, 9}));
     EXPECT_EQ(models[1]["sample_rate_hz"], 16000);
     EXPECT_EQ(models[1]["multiply_adds_per_frame"], 680 * 96 + 96 * 64 + 64 * 9);
@@ -179,7 +184,8 @@ TEST(Bench, MeasuresBothBundledModels) {
         EXPECT_EQ(model["frames"], 50);
         EXPECT_GT(model["median_us"], 0.0);
         EXPECT_LE(model["median_us"], model["p99_us"]);
-        EXPECT_NEAR(model["real_time_factor"].get<double>(), model["mean_us"].get<double>() / 1e4, 1e-9);
+        EXPECT_NEAR(model["real_time_factor"].get<double>(), model["mean_us"].get<double>() / 1e4,
+                    1e-9);
         EXPECT_GT(model["session_bytes"], 300000);
         EXPECT_EQ(model["allocations_per_frame"], model["rate_hz"] == 8000 ? 0.0 : 1.0);
     }

@@ -34,11 +34,14 @@ public:
 private:
     static std::string text(const std::string& file) {
         return "pcm.silent { type null }\n"
-               "pcm.mic { type file slave.pcm silent file /dev/null infile '" + file + "'"
+               "pcm.mic { type file slave.pcm silent file /dev/null infile '" +
+               file +
+               "'"
                " hint { show on description \"Test\" } }\n"
                "pcm.wide { type multi slaves.a { pcm silent channels 2 }"
                " bindings { 0 { slave a channel 0 } 1 { slave a channel 1 } } }\n"
-               "pcm.plug { @args [ SLAVE ] @args.SLAVE { type string } type plug slave.pcm $SLAVE }\n";
+               "pcm.plug { @args [ SLAVE ] @args.SLAVE { type string } type plug slave.pcm $SLAVE "
+               "}\n";
     }
     test::TempFile file_, config_;
 };
@@ -57,7 +60,8 @@ std::vector<Json> events(const std::string& output, const std::string& type) {
 }
 
 TEST(Live, HearsWhatWasMarkedByHand) {
-    for (const auto& [recording, rate] : {std::pair("roadsigns-8k", "8000"), {"stream-16k", "16000"}}) {
+    for (const auto& [recording, rate] :
+         {std::pair("roadsigns-8k", "8000"), {"stream-16k", "16000"}}) {
         const std::string command = "dnnvad live -D mic -f json --seconds 21 2>&1 --rate ";
         const test::Result result = Devices(samples_of(recording)).run(command + rate);
         EXPECT_EQ(result.status, 0);
@@ -80,9 +84,11 @@ TEST(Live, OnceRecordsUntilOneStopsTalking) {
     const std::string prompt = samples_of("prompt-16k"), speech = samples_of("stream-16k");
     const Devices devices(speech), prompting(prompt + std::string(kSecond / 2, '\0') + speech);
     const std::string folder = devices.file() + ".cut";
-    const test::Result result = devices.run(
-        "dnnvad detect --cut " + folder + " " + source("samples/stream-16k.wav") + " >/dev/null; "
-        "dnnvad live -D mic --once --cut " + folder + "/live 2>&1 >" + folder + "/once.wav");
+    const test::Result result =
+        devices.run("dnnvad detect --cut " + folder + " " + source("samples/stream-16k.wav") +
+                    " >/dev/null; "
+                    "dnnvad live -D mic --once --cut " +
+                    folder + "/live 2>&1 >" + folder + "/once.wav");
     EXPECT_EQ(result.status, 0);
     EXPECT_NE(result.output.find("speech began at 1."), std::string::npos) << result.output;
     const std::string wav = read_file(folder + "/once.wav");
@@ -106,12 +112,18 @@ TEST(Live, KeepsTheUtteranceInWhichItIsStopped) {
     for (const std::string signal : {"INT", "TERM"}) {
         const Devices devices("");
         const std::string file = devices.file(), folder = file + ".cut";
-        const test::Result result = devices.run(
-            "f=" + file + "; rm $f; mkfifo $f; "
-            "(exec " DNNVAD_PROGRAM " live -D mic -f json --cut $f.cut >$f.out) & exec 3>$f; "
-            "dd bs=3200 <" + speech.path() + " >&3 2>/dev/null; "
-            "until grep -q began $f.out; do sleep 0.05; done; sleep 0.2; kill -s " + signal + " $!; "
-            "exec 3>&-; wait $!; s=$?; cat $f.out; rm $f.out; exit $s");
+        const test::Result result =
+            devices.run("f=" + file +
+                        "; rm $f; mkfifo $f; "
+                        "(exec " DNNVAD_PROGRAM
+                        " live -D mic -f json --cut $f.cut >$f.out) & exec 3>$f; "
+                        "dd bs=3200 <" +
+                        speech.path() +
+                        " >&3 2>/dev/null; "
+                        "until grep -q began $f.out; do sleep 0.05; done; sleep 0.2; kill -s " +
+                        signal +
+                        " $!; "
+                        "exec 3>&-; wait $!; s=$?; cat $f.out; rm $f.out; exit $s");
         EXPECT_EQ(result.status, 0);
         const std::vector<Json> ended = events(result.output, "ended");
         ASSERT_EQ(ended.size(), 1U) << result.output;
@@ -124,9 +136,13 @@ TEST(Live, KeepsTheUtteranceInWhichItIsStopped) {
 
 TEST(Live, ShowsTheStatusOnATerminalAndEventsApart) {
     const Devices devices(samples_of("stream-16k"));
-    const std::string shown = devices.run("script -qec '" DNNVAD_PROGRAM " live -D mic --seconds 24 >" +
-                                          devices.file() + ".out' /dev/null </dev/null").output;
-    for (const char* const status : {"not started ", "speaking ", "pause ", "time-out ", "ended "}) {
+    const std::string shown =
+        devices
+            .run("script -qec '" DNNVAD_PROGRAM " live -D mic --seconds 24 >" + devices.file() +
+                 ".out' /dev/null </dev/null")
+            .output;
+    for (const char* const status :
+         {"not started ", "speaking ", "pause ", "time-out ", "ended "}) {
         EXPECT_NE(shown.find(std::string("(0.20/0.20), ") + status), std::string::npos) << status;
     }
     EXPECT_NE(shown.find("[            ] -96 dB"), std::string::npos);  // the silence at the end

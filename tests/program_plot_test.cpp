@@ -30,9 +30,12 @@ protected:
 };
 
 TEST_F(Plot, HoldsWhatDetectFindsAndWhatIsNotUsual) {
-    const std::string options = " --set max_sp_pause=150ms --set dnn_sil_threshold=0.25 " + recording_;
-    ASSERT_EQ(run("dnnvad plot -o " + at("a.html") + " --title '</script>&\xff'" + options).status, 0);
-    ASSERT_EQ(run("dnnvad plot -o " + at("a.svg") + " --title '</script>&\xff'" + options).status, 0);
+    const std::string options =
+        " --set max_sp_pause=150ms --set dnn_sil_threshold=0.25 " + recording_;
+    ASSERT_EQ(run("dnnvad plot -o " + at("a.html") + " --title '</script>&\xff'" + options).status,
+              0);
+    ASSERT_EQ(run("dnnvad plot -o " + at("a.svg") + " --title '</script>&\xff'" + options).status,
+              0);
     const nlohmann::json all = facts(read_file(at("a.html")));
     std::istringstream lines(run("dnnvad detect -f json" + options).output);
     std::size_t count = 0;
@@ -67,7 +70,9 @@ TEST_F(Plot, StaysSmallForLongRecordings) {
     const auto size = [&](int copies, const std::string& name) {
         const std::string times = std::to_string(copies);
         EXPECT_EQ(run("for i in $(seq " + times + "); do tail -c +45 " + recording_ +
-                      "; done | dnnvad plot --raw 8000 - -o " + at(name)).status, 0);
+                      "; done | dnnvad plot --raw 8000 - -o " + at(name))
+                      .status,
+                  0);
         return std::filesystem::file_size(at(name));
     };
     const std::uintmax_t once = size(1, "1.html"), often = size(43, "43.html");  // 14 s, 10 minutes
@@ -79,11 +84,12 @@ TEST_F(Plot, StaysSmallForLongRecordings) {
 }
 
 TEST_F(Plot, SaysWhatIsWrongAndLeavesNothing) {
-    for (const auto& [status, command] :
-         {std::pair{2, recording_}, {2, recording_ + " -o " + at("b.png")},
-          {1, "/nonexistent -o " + at("b.html")},
-          {1, source("README.md") + " -o " + at("b.svg")}, {1, recording_ + " -o /nonexistent/b.html"},
-          {1, "--raw 8000 /dev/null -o " + at("b.svg")}}) {
+    for (const auto& [status, command] : {std::pair{2, recording_},
+                                          {2, recording_ + " -o " + at("b.png")},
+                                          {1, "/nonexistent -o " + at("b.html")},
+                                          {1, source("README.md") + " -o " + at("b.svg")},
+                                          {1, recording_ + " -o /nonexistent/b.html"},
+                                          {1, "--raw 8000 /dev/null -o " + at("b.svg")}}) {
         const test::Result result = run("dnnvad plot " + command + " 2>&1");
         EXPECT_EQ(result.status, status) << command;
         EXPECT_EQ(result.output.rfind("dnnvad: ", 0), 0U) << result.output;

@@ -36,8 +36,8 @@ protected:
     // One setting on one recording with these labels; a failure is told with the rest.
     json one(const std::string& labels, const std::string& more = "") const {
         write("roadsigns-8k.txt", labels);
-        const test::Result result = run("dnnvad tune -f json --labels " + folder + kOne + more + " " +
-                                        source("samples/roadsigns-8k.wav"));
+        const test::Result result = run("dnnvad tune -f json --labels " + folder + kOne + more +
+                                        " " + source("samples/roadsigns-8k.wav"));
         EXPECT_EQ(result.status, 0);
         return json::parse(result.output);
     }
@@ -72,7 +72,8 @@ TEST_F(Tune, CountsWhatGoesWrong) {
     EXPECT_EQ(missed["missed"], 25);
     EXPECT_EQ(missed["clipped"], 0);
     const json false_start = one("9.8\t12.07\tword\n4.5\t5.2\tSilence \n1.18\t3.82\t\n");
-    EXPECT_NEAR(false_start["false-starts"], 3600 / false_start["quiet_seconds"].get<double>(), 1e-6);
+    EXPECT_NEAR(false_start["false-starts"], 3600 / false_start["quiet_seconds"].get<double>(),
+                1e-6);
     EXPECT_NEAR(false_start["quiet_seconds"], 14.05 - 4.91, 0.01);
     EXPECT_NEAR(one("0.8 3.82\n5.67 8.14\n9.8 12.07\n")["clipped"], 33.3, 0.1);
     EXPECT_NEAR(one("1.18 4.5\n5.67 8.14\n9.8 12.07\n")["cutoffs"], 33.3, 0.1);
@@ -80,8 +81,10 @@ TEST_F(Tune, CountsWhatGoesWrong) {
     EXPECT_EQ(one("1.18 3.82\n5.67 7\n7.8 8.14\n9.8 12.07\n", "--join 0.9")["merged"], 0);
     // Beyond the end: one label is cut, one vanishes, and it is said.
     EXPECT_EQ(one("1.18 3.82\n5.67 8.14\n9.8 99\n100 101\n", "2>/dev/null")["utterances"], 3);
-    EXPECT_NE(run("dnnvad tune --labels " + folder + kOne + source("samples/roadsigns-8k.wav") + " 2>&1")
-                  .output.find("go on to 101.00 s, but it ends at 14.05 s"), std::string::npos);
+    EXPECT_NE(
+        run("dnnvad tune --labels " + folder + kOne + source("samples/roadsigns-8k.wav") + " 2>&1")
+            .output.find("go on to 101.00 s, but it ends at 14.05 s"),
+        std::string::npos);
 }
 
 TEST_F(Tune, ReadsAllFormatsAlikeWithAnyNumberOfThreads) {
@@ -91,13 +94,15 @@ TEST_F(Tune, ReadsAllFormatsAlikeWithAnyNumberOfThreads) {
     ASSERT_EQ(std::count(plain.output.begin(), plain.output.end(), '\n'), 3 + 3 + 1);
     EXPECT_EQ(run("dnnvad" + command + source("samples") + " --jobs 5").output, plain.output);
 
-    write("both.rttm", "SPEAKER roadsigns-8k 1 9.80 2.27 <NA> <NA> b <NA> <NA>\n"
-                       "SPEAKER stream-16k 1 1.56 7.32 <NA> <NA> a <NA> <NA>\nSPKR-INFO roadsigns-8k 1\n"
-                       "SPEAKER roadsigns-8k 1 1.18 2.64 <NA> <NA> a <NA> <NA>\n"
-                       "SPEAKER stream-16k 1 10.61 7.17\nSPEAKER roadsigns-8k 1 5.67 2.47\n");
+    write("both.rttm",
+          "SPEAKER roadsigns-8k 1 9.80 2.27 <NA> <NA> b <NA> <NA>\n"
+          "SPEAKER stream-16k 1 1.56 7.32 <NA> <NA> a <NA> <NA>\nSPKR-INFO roadsigns-8k 1\n"
+          "SPEAKER roadsigns-8k 1 1.18 2.64 <NA> <NA> a <NA> <NA>\n"
+          "SPEAKER stream-16k 1 10.61 7.17\nSPEAKER roadsigns-8k 1 5.67 2.47\n");
     EXPECT_EQ(run("dnnvad" + command + folder).output, plain.output);
-    write("roadsigns-8k.txt", "1.180000\t3.820000\t\r\n5.67\t8.14\tDanish\r\n"
-                              "\\\t100\t200\r\n9.8\t12.07\tsilent\r\n");
+    write("roadsigns-8k.txt",
+          "1.180000\t3.820000\t\r\n5.67\t8.14\tDanish\r\n"
+          "\\\t100\t200\r\n9.8\t12.07\tsilent\r\n");
     write("stream-16k.TextGrid",
           "File type = \"ooTextFile\"\nObject class = \"TextGrid\"\n\n0\n19.46\n<exists>\n3\n"
           "\"TextTier\"\n\"speech\"\n0\n19.46\n1\n3.5\n\"a \"\"5\"\" point\"\n"
@@ -117,16 +122,19 @@ TEST_F(Tune, ReadsAllFormatsAlikeWithAnyNumberOfThreads) {
 }
 
 TEST_F(Tune, WritesAConfigurationThatDetectsTheSame) {
-    write("base.conf", "PARAM_MAX_WAIT_DURATION:100\nPARAM_MIN_SP_DURATION:40\nPARAM_MAX_SP_PAUSE:10\n");
+    write("base.conf",
+          "PARAM_MAX_WAIT_DURATION:100\nPARAM_MIN_SP_DURATION:40\nPARAM_MAX_SP_PAUSE:10\n");
     const std::string base = " --config " + folder + "/base.conf --set max_sp_duration=2000000 ";
     const std::string best = folder + "/best.conf";
     const std::string tune = "dnnvad tune --labels " + source("samples") + base + kRecordings +
                              " --thresholds 0.22 --end-ratio 0.75 --pauses 1.2s --margins 15 -o ";
     ASSERT_EQ(run(tune + best).status, 0);
     // The wait is raised above the pause, or a time-out would end every utterance.
-    const std::string wanted = run("dnnvad detect -f csv " + base + kRecordings +
-        " --set dnn_speech_threshold=0.22 --set dnn_sil_threshold=0.165 --set max_sp_pause=120 "
-        "--set max_wait_duration=140 --set start_back_frame=15 --set end_back_frame=15").output;
+    const std::string wanted =
+        run("dnnvad detect -f csv " + base + kRecordings +
+            " --set dnn_speech_threshold=0.22 --set dnn_sil_threshold=0.165 --set max_sp_pause=120 "
+            "--set max_wait_duration=140 --set start_back_frame=15 --set end_back_frame=15")
+            .output;
     EXPECT_EQ(run("dnnvad detect -f csv --config " + best + " " + kRecordings).output, wanted);
     EXPECT_NE(wanted.find("pause"), std::string::npos);
     EXPECT_EQ(wanted.find("time-out"), std::string::npos);
@@ -148,15 +156,15 @@ TEST_F(Tune, TakesTheLeastBadAndSaysSo) {
     ASSERT_EQ(ranks.size(), 3U);
     EXPECT_TRUE(std::is_sorted(ranks.begin(), ranks.end()));
     EXPECT_GT(ranks[0].second, std::min(ranks[1].second, ranks[2].second));
-    const test::Result result = run("dnnvad tune --labels " + source("samples") + kFew + kRecordings +
-                                    " --max-delay 1 2>&1 >/dev/null");
+    const test::Result result = run("dnnvad tune --labels " + source("samples") + kFew +
+                                    kRecordings + " --max-delay 1 2>&1 >/dev/null");
     EXPECT_EQ(result.status, 0);
     EXPECT_EQ(result.output, "dnnvad: no setting meets all limits: the best breaks them least\n");
     // An empty recording, and nobody speaking: there is no delay, but there may be false starts.
     run("head -c 44 " + source("samples/roadsigns-8k.wav") + " >" + folder + "/empty.wav");
     write("empty.txt", "0 1\n"), write("roadsigns-8k.txt", "0 14 sil\n");
-    const std::string silent = "dnnvad tune -f json --labels " + folder + kFew + folder + "/empty.wav " +
-                               source("samples/roadsigns-8k.wav") + " 2>/dev/null ";
+    const std::string silent = "dnnvad tune -f json --labels " + folder + kFew + folder +
+                               "/empty.wav " + source("samples/roadsigns-8k.wav") + " 2>/dev/null ";
     EXPECT_EQ(run(silent + "-o " + folder + "/c").status, 1);
     EXPECT_FALSE(std::filesystem::exists(folder + "/c"));
     const test::Result starts = run(silent + "--target false-starts");
@@ -170,23 +178,28 @@ TEST_F(Tune, TakesTheLeastBadAndSaysSo) {
 TEST_F(Tune, SaysWhichLabelsAreBroken) {
     const std::string grid =
         "\"ooTextFile\"\n\"TextGrid\"\n0\n9\n<exists>\n1\n\"IntervalTier\"\n\"a\"\n0\n9\n2\n";
-    const struct { std::string name, text, message; } cases[] = {
+    const struct {
+        std::string name, text, message;
+    } cases[] = {
         {"none", "", "roadsigns-8k: no .TextGrid, .txt or .rttm file labels this recording"},
         {"other.rttm", "SPEAKER other 1 0 1\n", "roadsigns-8k: no .TextGrid"},
         {"roadsigns-8k.txt", "\n# 1 2\n3\t3\tpoint\n", "roadsigns-8k.txt: holds no label"},
         {"roadsigns-8k.txt", "1 2\n\n3 2.5\n", "roadsigns-8k.txt:3: ends before it begins"},
         {"roadsigns-8k.txt", "1 inf\n", "roadsigns-8k.txt:1: a time is not finite"},
         {"roadsigns-8k.txt", "1,5 2,5\n", "roadsigns-8k.txt:1: has no start and end"},
-        {"roadsigns-8k.rttm", "SPEAKER roadsigns-8k 1 -1 2\n", "roadsigns-8k.rttm:1: begins before"},
+        {"roadsigns-8k.rttm", "SPEAKER roadsigns-8k 1 -1 2\n",
+         "roadsigns-8k.rttm:1: begins before"},
         {"roadsigns-8k.rttm", "SPEAKER roadsigns-8k 1\n", ".rttm:1: has no start and length"},
         {"roadsigns-8k.TextGrid", "1 2\n", "roadsigns-8k.TextGrid:1: a text is missing"},
         {"roadsigns-8k.TextGrid", grid + "0\n1\n\"x\"\n", "in a text format, or ends too early"},
-        {"roadsigns-8k.TextGrid", grid + "0\n1\n\"x\"\n0.5\n2\n\"y\"\n", "TextGrid:15: begins before"},
+        {"roadsigns-8k.TextGrid", grid + "0\n1\n\"x\"\n0.5\n2\n\"y\"\n",
+         "TextGrid:15: begins before"},
         {"roadsigns-8k.TextGrid", grid + "0\n1\n\"x\n", "TextGrid:14: a text does not end"},
         {"roadsigns-8k.TextGrid", grid + "nan\n1\n\"x\"\n", "TextGrid:12: a time is not finite"}};
     for (const auto& broken : cases) {
         write(broken.name, broken.text);
-        const test::Result result = run("dnnvad tune --labels " + folder + kOne + kRecordings + " 2>&1");
+        const test::Result result =
+            run("dnnvad tune --labels " + folder + kOne + kRecordings + " 2>&1");
         EXPECT_EQ(result.status, 1) << broken.text;
         EXPECT_EQ(result.output.rfind("dnnvad: " + folder, 0), 0U) << result.output;
         EXPECT_NE(result.output.find(broken.message), std::string::npos) << result.output;

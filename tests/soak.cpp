@@ -117,15 +117,19 @@ public:
 
     // Speech at any level between pauses of any length, in noise that comes and goes.
     bool push_scene() {
-        const auto draw = [this](int bound) { return static_cast<int>(random_() % static_cast<unsigned>(bound)); };
+        const auto draw = [this](int bound) {
+            return static_cast<int>(random_() % static_cast<unsigned>(bound));
+        };
         const int begin = draw(static_cast<int>(speech_.size()) / 2), length = draw(4 * rate_);
         const int gap = draw(6 * rate_), gain = 1 + draw(64), noise = draw(300) + 1;
         scene_.assign(static_cast<std::size_t>(length + gap), 0);
         for (std::size_t k = 0; k < scene_.size(); ++k) {
             const int at = begin + static_cast<int>(k);
-            const bool spoken = static_cast<int>(k) < length && at < static_cast<int>(speech_.size());
+            const bool spoken =
+                static_cast<int>(k) < length && at < static_cast<int>(speech_.size());
             const int voice = spoken ? speech_[static_cast<std::size_t>(at)] * gain / 64 : 0;
-            scene_[k] = static_cast<short>(std::max(-32768, std::min(32767, voice + draw(noise) - noise / 2)));
+            scene_[k] = static_cast<short>(
+                std::max(-32768, std::min(32767, voice + draw(noise) - noise / 2)));
         }
         return push_all(scene_, scene_.size());
     }
@@ -149,7 +153,8 @@ private:
 // Bytes in use but for the list of segments, which is as long as utterances between two resets are many.
 std::size_t heap(tz_dnnvad::CMFE& session) {
     void* const segments = session._m_v_segments.data();
-    const std::size_t list = segments != nullptr ? malloc_usable_size(segments) + sizeof(std::size_t) : 0;
+    const std::size_t list =
+        segments != nullptr ? malloc_usable_size(segments) + sizeof(std::size_t) : 0;
     return mallinfo2().uordblks - list;
 }
 
@@ -168,10 +173,12 @@ void run(const std::string& model, const std::string& recording, double hours, b
         if (resets && host.seconds() > next_check) {
             next_check += 3600;
             if (host.test_phrase() != first) {
-                fail(model + ": the test phrase is heard otherwise after " + std::to_string(host.seconds()) + " s");
+                fail(model + ": the test phrase is heard otherwise after " +
+                     std::to_string(host.seconds()) + " s");
             }
             if (heap(host.session()) != settled) {
-                fail(model + ": the heap grew by " + std::to_string(heap(host.session()) - settled) + " bytes");
+                fail(model + ": the heap grew by " +
+                     std::to_string(heap(host.session()) - settled) + " bytes");
             }
         }
     }
@@ -180,13 +187,14 @@ void run(const std::string& model, const std::string& recording, double hours, b
             fail(model + ": the test phrase is heard otherwise in the end");
         }
         if (heap(host.session()) != settled) {
-            fail(model + ": the heap grew by " + std::to_string(heap(host.session()) - settled) + " bytes");
+            fail(model + ": the heap grew by " + std::to_string(heap(host.session()) - settled) +
+                 " bytes");
         }
     } else if (refused) {
         // A clear answer, again and again, and a reset makes all well.
-        Digest after, fresh;
         short silence[160] = {};
-        if (host.seconds() * host.rate() < 2147483647.0 - host.rate() || host.push(silence, 80, nullptr)) {
+        if (host.seconds() * host.rate() < 2147483647.0 - host.rate() ||
+            host.push(silence, 80, nullptr)) {
             fail(model + ": refused too early, or not for good");
         }
         Host other(model, speech, true);
