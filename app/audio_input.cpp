@@ -108,10 +108,13 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
 }
 
 struct PcmReader::Converter {
+    explicit Converter(AudioInput& from) : input(from) {}
+
     AudioInput& input;
     std::unique_ptr<soxr, void (*)(soxr_t)> resampler{nullptr, soxr_delete};
-    std::vector<float> in, out;  // a block before and after conversion
-    std::size_t first = 0;       // sample of `out` that comes next
+    std::vector<float> in, out;                           // a block before and after conversion
+    std::vector<float> piece = std::vector<float>(4096);  // what the converter gives at once
+    std::size_t first = 0;                                // sample of `out` that comes next
     bool ended = false;
     double read_seconds = 0;
     long long clipped = 0;
@@ -137,7 +140,6 @@ struct PcmReader::Converter {
     }
 
     void convert(const float* samples, std::size_t count) {
-        std::vector<float> piece(4096);
         std::size_t done = 0, produced = 0;
         do {
             std::size_t used = 0;
@@ -152,8 +154,7 @@ struct PcmReader::Converter {
     void drain() { convert(nullptr, 0); }
 };
 
-PcmReader::PcmReader(AudioInput& input, int rate)
-    : converter_(new Converter{input, {nullptr, soxr_delete}, {}, {}}) {
+PcmReader::PcmReader(AudioInput& input, int rate) : converter_(new Converter(input)) {
     if (input.rate() != rate) {
         soxr_error_t error = nullptr;
         converter_->resampler.reset(

@@ -8,6 +8,7 @@
 
 #include "audio_input.h"
 #include "commands.h"
+#include "json_text.h"
 #include "memory_count.h"
 #include "program.h"
 #include "session_options.h"
@@ -126,8 +127,7 @@ int run(const Options& options) {
     getrusage(RUSAGE_SELF, &usage);
     if (options.format == "json") {
         const ordered_json out{{"models", all}, {"peak_resident_kb", usage.ru_maxrss}};
-        std::fprintf(results(), "%s\n",
-                     out.dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());
+        std::fprintf(results(), "%s\n", json_text(out, 2).c_str());
         return 0;
     }
     std::fprintf(results(),

@@ -83,9 +83,7 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
     if (!options.cut.folder.empty()) {
         cutter = std::make_unique<Cutter>(options.cut, stem(file), rate);
     }
-    if (const std::string doubt = doubts(*session); !doubt.empty()) {
-        std::fprintf(stderr, "dnnvad: warning: %s\n", doubt.c_str());
-    }
+    warn_of_doubts(*session);
     writer.begin(display_name(file), options.files.size() > 1);
     Reporter reporter(display_name(file), writer, stream, cutter.get(), progress);
     Listener listener(*session, reporter);

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "commands.h"
+#include "json_text.h"
 #include "memory_count.h"
 #include "model_file.h"
 #include "program.h"
@@ -76,8 +77,7 @@ int run(const Options& options) {
         all.push_back(about_program());
     }
     if (options.format == "json") {
-        std::fprintf(results(), "%s\n",
-                     all.dump(2, ' ', false, ordered_json::error_handler_t::replace).c_str());
+        std::fprintf(results(), "%s\n", json_text(all, 2).c_str());
         return status;
     }
     bool first = true;

@@ -17,7 +17,7 @@ constexpr int kCounterFull = -118;  // the session has counted to 2^31 samples
 constexpr int kSpeechTail = 40;  // frames after the last one judged speech that may still sound so
 constexpr double kFullScale = 32768.0;
 
-enum Status { kNotStarted = 0, kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
+enum Status { kNotStarted = 0, kTimedOut = 3, kEnded = 6 };
 
 }  // namespace
 
@@ -48,9 +48,9 @@ int Listener::push(const short* samples, int count) {
     // Beside an open utterance only the margin before the next one may still be asked for.
     const int margin = std::max(0, session_._m_n_start_back_frame);
     history_.insert(history_.end(), samples, samples + count);
-    while (history_.size() > static_cast<std::size_t>(margin) * static_cast<std::size_t>(chunk_)) {
-        history_.pop_front();
-    }
+    const long long excess = static_cast<long long>(history_.size()) - 1LL * margin * chunk_;
+    history_.erase(history_.begin(),
+                   history_.begin() + static_cast<std::ptrdiff_t>(std::max(0LL, excess)));
     follow(status);
     const long long kept = 100LL + margin + 2LL * session_._m_n_cfg_max_wait;
     while (!open_ && static_cast<long long>(peaks_.size()) > kept) {
@@ -60,14 +60,18 @@ int Listener::push(const short* samples, int count) {
     return status;
 }
 
+void Listener::push_all(const std::vector<short>& samples) {
+    const auto chunk = static_cast<std::size_t>(chunk_);
+    for (std::size_t at = 0; at < samples.size(); at += chunk) {
+        push(&samples[at], static_cast<int>(std::min(chunk, samples.size() - at)));
+    }
+}
+
 int Listener::finish() {
     session_.mfeSendData(nullptr, 0);
     const int status = session_.mfeDNNDetect();
     hand_out();
-    if (session_._m_v_segments.size() > reported_ && !open_) {
-        open_ = true;
-        watcher_.began(describe(""));
-    }
+    open_new();
     if (open_) {
         close("end of input");
     }
@@ -80,9 +84,7 @@ int Listener::step(const short* samples, int count) {
         if (open_) {
             close("time-out");
         }
-        session_.mfeReset();
-        reported_ = 0;
-        origin_ = heard_;
+        reset(heard_);
         session_.mfeSendData(samples, count);
     }
     const int status = session_.mfeDNNDetect();
@@ -113,10 +115,7 @@ void Listener::hand_out() {
 
 // Tells what the status after a chunk means for the utterance.
 void Listener::follow(int status) {
-    if (session_._m_v_segments.size() > reported_ && !open_) {
-        open_ = true;
-        watcher_.began(describe(""));
-    }
+    open_new();
     hand_out();
     // The session forgets a blip, or the device's own prompt: it waits as if there had been no speech.
     const bool forgotten = session_._m_n_last_speech == 0;
@@ -132,10 +131,23 @@ void Listener::follow(int status) {
         if (!replaying_) {
             restart();
         } else {
-            session_.mfeReset();
-            reported_ = 0;
-            origin_ = heard_;
+            reset(heard_);
         }
+    }
+}
+
+// The session begins anew; its frame 0 lies at this sample of the stream.
+void Listener::reset(double origin) {
+    session_.mfeReset();
+    reported_ = 0;
+    origin_ = origin;
+}
+
+// Tells of a record that the session has opened.
+void Listener::open_new() {
+    if (session_._m_v_segments.size() > reported_ && !open_) {
+        open_ = true;
+        watcher_.began(describe(""));
     }
 }
 
@@ -161,15 +173,13 @@ void Listener::restart() {
         const int silent = session_._m_n_pass_first_frame - session_._m_n_last_speech;
         frames = std::min(frames, silent - kSpeechTail);
     }
-    session_.mfeReset();
-    reported_ = 0;
     const std::size_t longest =
         static_cast<std::size_t>(std::max(0, frames)) * static_cast<std::size_t>(chunk_);
     const std::size_t whole = std::min(history_.size(), longest) /
                               static_cast<std::size_t>(chunk_) * static_cast<std::size_t>(chunk_);
     const std::vector<short> lead(history_.end() - static_cast<std::ptrdiff_t>(whole),
                                   history_.end());
-    origin_ = heard_ - static_cast<double>(whole);
+    reset(heard_ - static_cast<double>(whole));
     replaying_ = true;
     for (std::size_t at = 0; at < whole; at += static_cast<std::size_t>(chunk_)) {
         follow(step(&lead[at], chunk_));

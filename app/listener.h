@@ -58,6 +58,8 @@ public:
     int chunk() const { return chunk_; }  // samples of 10 ms
     // Pushes at most chunk() samples; fewer only at the end. Returns the session's status.
     int push(const short* samples, int count);
+    // Pushes all of it, a chunk at a time.
+    void push_all(const std::vector<short>& samples);
     // The end of the input: closes an utterance that is still open. Returns the final status.
     int finish();
     double seconds() const { return heard_ / rate_; }  // pushed so far
@@ -70,6 +72,8 @@ private:
     void follow(int status);
     void close(const char* reason);
     void forget(bool prompt);
+    void reset(double origin);
+    void open_new();
     void restart();
     Utterance describe(const char* reason) const;
     double time(int frame) const;

@@ -9,12 +9,12 @@
 #include <csignal>
 #include <ctime>
 #include <limits>
-#include <nlohmann/json.hpp>
 
 #include "audio_input.h"
 #include "capture.h"
 #include "commands.h"
 #include "cutter.h"
+#include "json_text.h"
 #include "program.h"
 
 namespace {
@@ -72,8 +72,8 @@ public:
         }
         const long late = std::lround(1000 * (u.decided - u.speech_start));
         say({{"type", "began"},
-             {"time", round2(u.decided)},
-             {"first_speech", round2(u.speech_start)},
+             {"time", hundredths(u.decided)},
+             {"first_speech", hundredths(u.speech_start)},
              {"latency_ms", late}},
             format("speech began at %.2f, %ld ms ago", u.speech_start, late));
     }
@@ -90,11 +90,11 @@ public:
         const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
         const long late = std::lround(1000 * (u.decided - u.last_speech));
         Json event{{"type", "ended"},
-                   {"time", round2(u.decided)},
-                   {"start", round2(u.start)},
-                   {"end", round2(u.end)},
-                   {"first_speech", round2(u.speech_start)},
-                   {"last_speech", round2(u.last_speech)},
+                   {"time", hundredths(u.decided)},
+                   {"start", hundredths(u.start)},
+                   {"end", hundredths(u.end)},
+                   {"first_speech", hundredths(u.speech_start)},
+                   {"last_speech", hundredths(u.last_speech)},
                    {"ended_by", u.reason},
                    {"latency_ms", late},
                    {"under_minimum", u.under_minimum},
@@ -110,12 +110,12 @@ public:
             cutter_->drop();
         }
         audio_.clear();
-        const double now = round2(u.decided), start = round2(u.speech_start);
+        const double now = hundredths(u.decided), start = hundredths(u.speech_start);
         say({{"type", "forgotten"}, {"time", now}, {"first_speech", start}, {"prompt", prompt}},
             format("forgotten: %s at %.2f", prompt ? "the prompt" : "a blip", start));
     }
     void timed_out(double seconds) override {
-        say({{"type", "time-out"}, {"time", round2(seconds)}}, "time-out");
+        say({{"type", "time-out"}, {"time", hundredths(seconds)}}, "time-out");
     }
     void stream_ended(double seconds, int status, int overruns) {
         set_status(status);
@@ -125,7 +125,7 @@ public:
         }
         terminal_ = false;  // the last picture stays
         say({{"type", "stream"},
-             {"time", round2(seconds)},
+             {"time", hundredths(seconds)},
              {"utterances", utterances_},
              {"overruns", overruns}},
             format("stream ended, utterances: %d, overruns: %d", utterances_, overruns));
@@ -155,7 +155,6 @@ public:
     const std::vector<short>& first_utterance() const { return audio_; }
 
 private:
-    static double round2(double value) { return std::round(value * 100) / 100; }
     static double decibels(double power) {
         return std::max(kFloorDb, 10 * std::log10(power / (32768.0 * 32768.0)));
     }
@@ -168,7 +167,7 @@ private:
         if (terminal_) {
             std::fputs(kClearLine, stderr);
         }
-        const std::string json = event.dump(-1, ' ', false, Json::error_handler_t::replace);
+        const std::string json = json_text(event);
         const std::string line = format("%8.2f  %s", event["time"].get<double>(), text.c_str());
         std::fprintf(stream_, "%s\n", options_.format == "json" ? json.c_str() : line.c_str());
         stream_ == results() ? finish_output() : static_cast<void>(std::fflush(stream_));
@@ -220,9 +219,7 @@ int run(const Options& options) {
     if (!options.cut.folder.empty()) {
         cutter = std::make_unique<Cutter>(options.cut, cut_name(), rate);
     }
-    if (const std::string doubt = doubts(*session); !doubt.empty()) {
-        std::fprintf(stderr, "dnnvad: warning: %s\n", doubt.c_str());
-    }
+    warn_of_doubts(*session);
     const bool audio_out = options.once && isatty(fileno(results())) == 0;
     Monitor monitor(*session, options, audio_out ? stderr : results(), cutter.get());
     Listener listener(*session, monitor);

@@ -8,11 +8,11 @@
 #include <cstdint>
 #include <filesystem>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <tuple>
 
 #include "audio_input.h"
 #include "commands.h"
+#include "json_text.h"
 #include "listener.h"
 #include "program.h"
 #include "session_options.h"
@@ -272,9 +272,7 @@ std::string base64(const Bytes& bytes) {
 }
 
 // Valid UTF-8, whatever a file is called.
-std::string clean(const std::string& text) {
-    return Json::parse(Json(text).dump(-1, ' ', false, Json::error_handler_t::replace));
-}
+std::string clean(const std::string& text) { return Json::parse(json_text(text)); }
 
 // ---- The page -------------------------------------------------------------------------------------
 
@@ -486,9 +484,7 @@ int run(const Options& options) {
     }
     AudioInput input(options.file, options.audio);
     const auto session = open_session(options.session, input.rate());
-    if (const std::string doubt = doubts(*session); !doubt.empty()) {
-        std::fprintf(stderr, "dnnvad: warning: %s\n", doubt.c_str());
-    }
+    warn_of_doubts(*session);
     PcmReader reader(input, static_cast<int>(session->mfeGetParam(kSampleRate)));
     OutputFile output(options.output);
     Story story(*session);

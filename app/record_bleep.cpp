@@ -163,10 +163,7 @@ std::vector<Signal> words(CMFE& session, const std::vector<std::string>& files, 
         Marks marks;
         session.mfeReset();
         Listener listener(session, marks);
-        for (std::size_t at = 0; at < samples.size(); at += static_cast<std::size_t>(chunk)) {
-            listener.push(&samples[at], static_cast<int>(std::min<std::size_t>(
-                                            static_cast<std::size_t>(chunk), samples.size() - at)));
-        }
+        listener.push_all(samples);
         const auto& speech = marks.speech;
         for (auto from = speech.begin();
              (from = std::find(from, speech.end(), true)) != speech.end();) {

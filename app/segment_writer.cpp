@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 
+#include "json_text.h"
 #include "program.h"
 
 namespace {
@@ -63,11 +63,8 @@ public:
     }
 
 private:
-    static double hundredths(double value) { return std::round(value * 100) / 100; }
     void write(const nlohmann::ordered_json& line) {
-        // (a file name need not be valid UTF-8)
-        const auto invalid = nlohmann::ordered_json::error_handler_t::replace;
-        std::fprintf(stream_, "%s\n", line.dump(-1, ' ', false, invalid).c_str());
+        std::fprintf(stream_, "%s\n", json_text(line).c_str());
     }
 };
 

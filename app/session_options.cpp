@@ -22,6 +22,7 @@ constexpr int kWideRate = 16000;  // Hz, from which on the 16 kHz model listens
 constexpr double kFrameMilliseconds = 10.0;
 constexpr int kBufferReserve = 100;    // frames
 constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
+constexpr float kMostFrames = 1e9F;    // what is longer is told no further apart
 constexpr char kPrefix[] = "PARAM_";
 constexpr int kMostWarnings = 5;
 
@@ -205,9 +206,15 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
     }
 }
 
-// A file name of the full length has no final zero.
-std::string configured_model(const cfg_vad_t& config) {
-    return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
+std::string chosen_model(const SessionOptions& options, const cfg_vad_t& config,
+                         int recording_rate) {
+    if (!options.model.empty()) {
+        return options.model;
+    }
+    if (config.dnn_file[0] != '\0') {  // (a name of the full length has no final zero)
+        return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
+    }
+    return bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
 }
 
 }  // namespace
@@ -236,19 +243,14 @@ void add_session_options(CLI::App& command, SessionOptions& options) {
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {
-    if (!options.model.empty()) {
-        return options.model;
-    }
-    const std::string configured = configured_model(read_config(options.config));
-    return !configured.empty()
-               ? configured
-               : bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
+    return chosen_model(options, read_config(options.config), recording_rate);
 }
 
 std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_rate) {
     auto session = std::make_unique<CMFE>();
-    apply(options, read_config(options.config), *session);
-    const std::string model = model_path(options, recording_rate);
+    const cfg_vad_t config = read_config(options.config);
+    apply(options, config, *session);
+    const std::string model = chosen_model(options, config, recording_rate);
     const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
     const auto about = bleep != nullptr ? describe_file(options.bleep) : nlohmann::ordered_json();
     const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
@@ -267,22 +269,21 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     return session;
 }
 
-std::string doubts(CMFE& session) {
+void warn_of_doubts(const CMFE& session) {
     const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait;
-    if (pause < wait) {
-        return "";
+    if (pause >= wait) {
+        std::fprintf(stderr,
+                     "dnnvad: warning: max_sp_pause (%d frames) is not below max_wait_duration "
+                     "(%d): time-outs will end utterances, not pauses\n",
+                     pause, wait);
     }
-    return format(
-        "max_sp_pause (%d frames) is not below max_wait_duration (%d): "
-        "time-outs will end utterances, not pauses",
-        pause, wait);
 }
 
 std::vector<std::string> changed_parameters(CMFE& session) {
     CMFE fresh;
     const auto value = [](const Parameter& parameter, CMFE& of) -> double {
         switch (parameter.id) {  // those that mfeGetParam cannot tell
-            case 9:
+            case kBufferLength:
                 return of._m_n_buf_frames;
             case 11:
                 return of._m_b_vad_enable ? 1 : 0;
@@ -304,6 +305,11 @@ std::vector<std::string> changed_parameters(CMFE& session) {
         }
     }
     return changed;
+}
+
+int setting_in_frames(const std::string& assignment) {
+    const auto [parameter, text] = split(assignment);
+    return static_cast<int>(std::min(parse_value(*parameter, text, 0), kMostFrames));
 }
 
 std::string config_lines(const std::vector<std::string>& set) {

@@ -45,12 +45,15 @@ std::unique_ptr<tz_dnnvad::CMFE> open_session(const SessionOptions& options, int
 // The model file that open_session takes.
 std::string model_path(const SessionOptions& options, int recording_rate);
 
-// What a pause limit that the session can never reach leads to, as a warning; empty when all is well.
-std::string doubts(tz_dnnvad::CMFE& session);
+// Warns of a pause limit that the session can never reach.
+void warn_of_doubts(const tz_dnnvad::CMFE& session);
 
 // What differs from the library's defaults, a line each: "max_sp_pause 600 ms (default 900 ms)". The
 // rate, which follows from the model, is left out.
 std::vector<std::string> changed_parameters(tz_dnnvad::CMFE& session);
+
+// The frames that a NAME=VALUE with a duration, such as max_sp_pause=600ms, stands for. Throws UsageError.
+int setting_in_frames(const std::string& assignment);
 
 // A configuration file for the NAME=VALUE settings, PARAM_ lines; those without a key become comments.
 std::string config_lines(const std::vector<std::string>& set);

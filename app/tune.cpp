@@ -95,11 +95,7 @@ Tally listen(const SessionOptions& options, const Recording& recording) {
     const auto session = open_session(options, recording.rate);
     Collector collector;
     Listener listener(*session, collector);
-    const auto chunk = static_cast<std::size_t>(listener.chunk());
-    for (std::size_t at = 0; at < recording.samples.size(); at += chunk) {
-        const std::size_t count = std::min(chunk, recording.samples.size() - at);
-        listener.push(&recording.samples[at], static_cast<int>(count));
-    }
+    listener.push_all(recording.samples);
     listener.finish();
     return compare(recording.references, recording.seconds, collector.utterances);
 }
@@ -132,14 +128,13 @@ void listen(const Options& o, const std::vector<Recording>& recordings, std::vec
     }
 }
 
-// The frames that a text such as "600ms" means to a session.
-int frames(SessionOptions session, const std::string& assignment, int id) {
-    session.set.push_back(assignment);
-    const float value = open_session(session, 8000)->mfeGetParam(id);
-    if (value > static_cast<float>(kLongest)) {
+// A pause or margin of the sweep.
+int frames(const std::string& assignment) {
+    const int value = setting_in_frames(assignment);
+    if (value > kLongest) {
         throw UsageError(assignment + " is longer than a minute");
     }
-    return static_cast<int>(value);
+    return value;
 }
 
 std::vector<Setting> settings(const Options& o) {
@@ -154,8 +149,8 @@ std::vector<Setting> settings(const Options& o) {
             return list[at];
         };
         Setting& s = all[k];
-        s.margin = frames(o.session, "start_back_frame=" + next(o.margins), kStartMargin);
-        s.pause = frames(o.session, "max_sp_pause=" + next(o.pauses), kMaxPause);
+        s.margin = frames("start_back_frame=" + next(o.margins));
+        s.pause = frames("max_sp_pause=" + next(o.pauses));
         const double ratio = next(o.end_ratios);
         s.start = next(o.thresholds), s.end = ratio * s.start;
         s.wait = s.pause < wait ? wait : s.pause + kWaitAbovePause;
