@@ -46,6 +46,7 @@ int main(int argc, char** argv) {
     const auto chunk = static_cast<std::size_t>(session.mfeGetParam(kRateId)) / 100;
     std::vector<short> samples(chunk), handed(chunk * 2000);
     std::uint64_t digest = 0;
+    int before = 0;
     while (std::fread(samples.data(), sizeof(short), chunk, stdin) == chunk) {
         session.mfeSendData(samples.data(), static_cast<int>(chunk));
         const int status = session.mfeDNNDetect();
@@ -61,7 +62,8 @@ int main(int argc, char** argv) {
             put(out, static_cast<unsigned char>(status));
             put(out, score(session));
         }
-        if ((status == kEnded || status == kTimedOut) && !session._m_v_segments.empty()) {
+        if (status != before && (status == kEnded || status == kTimedOut) &&
+            !session._m_v_segments.empty()) {
             put(out, kUtterance);
             put(out, session._m_v_segments.back());
             put(out, digest);
@@ -69,6 +71,7 @@ int main(int argc, char** argv) {
         if (status == kTimedOut) {
             session.mfeReset();
         }
+        before = status;
     }
     return std::fclose(out) == 0 ? 0 : 1;
 }

@@ -1,6 +1,6 @@
 // Long life: hours of audio through one session for each rate, as fast as it goes.
 //
-//   soak HOURS
+//   soak HOURS      (more than a minute)
 //
 // Two hosts each: one that resets after time-outs, as the guide says, and one that never does and
 // goes on until the session refuses, at 2^31 samples. Whatever the hours, the heap must not grow after
@@ -223,7 +223,7 @@ int main(int argc, char** argv) {
     }
     mallopt(M_MXFAST, 0);
     // The library's lines are many.
-    if (hours <= 0 || std::freopen("/dev/null", "w", stdout) == nullptr) {
+    if (hours * 3600 <= kSettledSeconds || std::freopen("/dev/null", "w", stdout) == nullptr) {
         return 2;
     }
     for (const bool resets : {true, false}) {
