@@ -245,10 +245,11 @@ bool DNN::read_layers(File& file) {
 
 bool DNN::allocate_layers() {
     const int transitions = _layer_number - 1;
-    _weights =
-        static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
-    _biases =
-        static_cast<float**>(std::calloc(static_cast<std::size_t>(transitions), sizeof(float*)));
+    // One entry more than there are blocks: the destructor walks to the first null.
+    for (float*** const table : {&_weights, &_biases}) {
+        *table = static_cast<float**>(
+            std::calloc(static_cast<std::size_t>(_layer_number), sizeof(float*)));
+    }
     if (_weights == nullptr || _biases == nullptr) {
         VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
         return false;
@@ -285,9 +286,10 @@ bool DNN::allocate_layers() {
 }
 
 DNN::~DNN() {
-    // A load that failed early may have left a huge layer number without the tables.
+    // The layer number says nothing of the tables: a load may have failed before they were there, and
+    // set_topology may have changed it since.
     for (float** const table : {_weights, _biases}) {
-        for (int k = 0; table != nullptr && k < _layer_number - 1; ++k) {
+        for (int k = 0; table != nullptr && table[k] != nullptr; ++k) {
             std::free(table[k]);
         }
     }

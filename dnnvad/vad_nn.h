@@ -13,7 +13,7 @@ namespace tz_dnnvad {
 //
 // The model file carries all of it; binary numbers are little-endian and 32 bits wide:
 //
-//     three lines of any text
+//     three lines of any text (a line is its first 1023 bytes here: what is longer counts as the next)
 //     20 bytes: int32 feature dimension, sample rate, lower band edge, upper band edge, flag;
 //         then the rest of that line up to "\n"
 //     a line with the number of parameters, > 0
@@ -45,8 +45,8 @@ public:
     void set_topology(int layer_num, int* layer_size);
 
     // Evaluates one input vector of `_layer_size[0]` floats (16-byte aligned for speed) into
-    // `_layer_size[last]` posteriors. `in_dim` is not used. Returns 0; a network that is not loaded
-    // writes nothing.
+    // `_layer_size[last]` posteriors. `in_dim` is not used. Returns 0; a network that is not loaded, or
+    // has one layer only, writes nothing.
     int forward(const float* in, int in_dim, float* out);
 
     // C (m x q) = A (m x n) B (p x q), row-major. Returns 0, or -1 when n != p.
