@@ -98,6 +98,7 @@ int CMFE::mfeInit_load_model(const char* dnnfile, const char* bleepfile) {
         mfeReset();
     } catch (const std::bad_alloc&) {  // from the small objects
         _m_b_ready = false;
+        destroy(_m_p_evad_instance);  // half made, its reset would allocate
         VAD_ERROR("malloc Failed\n");
         return kNoMemory;
     }
@@ -140,26 +141,20 @@ int CMFE::load_network(const char* dnnfile) {
     _m_p_windows_detector = new WindowsDetector(_m_p_vad_configer);
 
     _m_p_dnn = new DNN(_m_p_vad_configer, dnnfile);
-    const int model_rate = _m_p_dnn->_sample_rate;
-    const bool known_rate = model_rate == 8000 || model_rate == 16000;
     if (_m_p_dnn->_feat_dim == kWideBandChannels) {
         _m_b_16k_model = true;
         _m_n_fbank_dim = kWideBandChannels;
         _m_n_fbank_low = _m_p_dnn->_low_freq;
         _m_n_fbank_high = _m_p_dnn->_high_freq;
-        // The model's rate wins over the parameter.
-        if (known_rate && model_rate != _m_n_sample_rate) {
-            _m_n_sample_rate = model_rate;
-            _m_n_frame_shift = model_rate / 100;
-            _m_n_max_data_len = saturate_to_int(1LL * _m_n_frame_shift * _m_n_buf_frames);
+        // The model's rate wins over the parameter, whatever it is. The chunk limit stays: only the
+        // parameter sets it, kept.
+        _m_n_sample_rate = _m_p_dnn->_sample_rate;
+        if (_m_n_sample_rate == 8000 || _m_n_sample_rate == 16000) {
+            _m_n_frame_shift = _m_n_sample_rate / 100;
         }
     }
     if (_m_p_dnn->getState() == kFailed) {
         VAD_ERROR("DNN Init Failed\n");
-        return kComponentFailed;
-    }
-    if (_m_b_16k_model && !known_rate) {
-        VAD_ERROR("model sample rate = %d, should be 8000 or 16000\n", model_rate);
         return kComponentFailed;
     }
     if (_m_p_dnn->_feat_dim < _m_n_fbank_dim) {

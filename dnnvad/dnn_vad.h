@@ -126,8 +126,9 @@ public:
     // Builds the session from a network model file and, with bleep detection on (parameter 26), a
     // bleep template file; a template that is null or cannot be read turns bleep detection off and
     // is no error. A model of 40 features per frame switches the session to the 16 kHz layout and
-    // sets the sample rate from its header. What an earlier initialisation made is released first;
-    // after a failure mfeExit, destruction and another initialisation are safe.
+    // sets the sample rate from its header, whatever that is: the layout is made for 8000 and 16000.
+    // What an earlier initialisation made is released first; after a failure mfeExit, destruction
+    // and another initialisation are safe.
     // Returns 0, -103 (null or empty model path; an earlier initialisation stays as it was), -107
     // or -120.
     int mfeInit_load_model(const char* dnnfile, const char* bleepfile);
@@ -166,10 +167,10 @@ public:
     //     25  PARAM_EVAD_DNNVAD_SWITCH       0 or 1   0
     //     26  PARAM_BLEEP_DETECT             0 or 1   1     0 after an initialisation without template
     //
-    // Ids 9 and 13 size buffers at initialisation: set them before. Set later, they change the
-    // fields and the chunk limit at once, but the rings keep the lengths they were allocated with.
-    // Returns 0, or -109 for any other id, a rate that is neither 8000 nor 16000, or a length whose
-    // ring would exceed 2^31 - 1 samples.
+    // Ids 9 and 13 size buffers at initialisation: set them before. Set later, they change their
+    // fields at once, and id 13 the chunk limit, but the rings keep the lengths they were allocated
+    // with. Returns 0, or -109 for any other id or a rate that is neither 8000 nor 16000; a ring of
+    // more than 2^31 - 1 samples fails at initialisation (-107).
     int mfeSetParam(int id, float value);
 
     // The value of a parameter as a float, or -109.0 for an id that cannot be read. Id 9 answers
@@ -186,8 +187,9 @@ public:
     // ---- Audio in and out, in dnn_vad_audio.cpp ----------------------------------------------
 
     // Appends `count` samples of 16-bit PCM at the session's rate; (null, 0) marks the end of input.
-    // At most half a ring at once (2.5 s by default). Older samples are overwritten when a ring's
-    // worth is sent without detection.
+    // At most `_m_n_max_data_len` / 2 samples at once: half a ring of the length known when the rate
+    // was last set, 20000 samples by default. Older samples are overwritten when a ring's worth is
+    // sent without detection.
     // Returns 0, -103 (null samples, or not initialised), -109 (negative count) or -118.
     int mfeSendData(const short* samples, int count);
 
@@ -198,8 +200,9 @@ public:
     // Returns 0, or -103 for a null pointer.
     int mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen);
 
-    // The frame that ends at or before an input-rate sample position, and the position where a
-    // frame ends. 0 when the rate is neither 8000 nor 16000. Results saturate.
+    // How many frames end at or before an input-rate sample position, and the position where a frame
+    // ends (so the two differ by one frame). Below one frame the count is rounded towards 0. With an
+    // 8 kHz model 0 when the rate is neither 8000 nor 16000. Results saturate.
     int mfeGetFrame(int sample);
     int mfeGetSamplespot(int frame);
 
@@ -230,7 +233,7 @@ public:
                     float* log_smooth, int dim);
 
     // Whether frames from .. to - 1 all were silence. Returns 0, -102 when one was not, -109 when a
-    // frame is negative, not yet scored or no longer kept.
+    // frame is negative, not yet scored or no longer kept. No frames are silence.
     int mfeIsSil(int from, int to);
 
     // Shortens the pause limit once speech is `length` frames long: the longer, the shorter.
@@ -333,7 +336,7 @@ public:
     // Positions in frames. (reset, but for the detect start)
     int _m_n_pass_first_frame = 0;  // first frame of the latest pass
     int _m_n_frames_avail = 0;      // whole frames available after the latest pass
-    int _m_n_detect_start = 0;      // calls that bring no frame beyond this one are not scored
+    int _m_n_detect_start = 0;      // calls that do not reach this frame are not scored
     int _m_n_cur_frame = 0;         // next frame to score
     int _m_n_onset_frame = 0;       // latest onset
     int _m_n_prev_last_speech = 0;  // last speech before the latest onset; UserStop: the stop frame
@@ -404,7 +407,6 @@ private:
     DNNVAD_LOCAL int build_feature_chain();
     DNNVAD_LOCAL int create_energy_vad();
 
-    DNNVAD_LOCAL int set_buffer_length(int samples);
     DNNVAD_LOCAL int set_sample_rate(int rate);
 
     int frame_length() const { return _m_b_16k_model ? _m_n_frame_len_16k : _m_n_frame_len_8k; }

@@ -36,7 +36,7 @@ int CMFE::mfeSendData(const short* samples, int count) {
                   _m_n_max_data_len);
         return kChunkTooLong;
     }
-    if (samples == nullptr || !_m_b_ready) {
+    if (count > 0 && (samples == nullptr || !_m_b_ready)) {
         VAD_ERROR("NULL POINTER: samples=%p,ring=%p\n", static_cast<const void*>(samples),
                   static_cast<const void*>(_m_b_ready ? _m_p_data : nullptr));
         return kNullPointer;
@@ -57,7 +57,7 @@ int CMFE::mfeSendData(const short* samples, int count) {
         _m_n_samples_in = _m_n_samples_16k = end;
     } else if (_m_n_sample_rate == 8000) {
         _m_n_samples_in = _m_n_samples_8k = end;
-    } else {
+    } else if (_m_b_ready) {
         halve_new_samples(end);
     }
     return 0;

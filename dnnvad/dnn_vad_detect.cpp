@@ -29,16 +29,13 @@ constexpr int kMinBleep = 15;  // frames: shorter ones are not the prompt
 // ---- The pass -------------------------------------------------------------------------------------
 
 int CMFE::mfeDNNDetect() {
-    if (!_m_b_ready) {
-        return mfeReturnStatus(0);
-    }
     if (!_m_b_vad_enable) {
         return detect_pass_through();
     }
     if (_m_n_user_stop == 1) {
         return UserStop();
     }
-    if (!begin_pass()) {
+    if (!_m_b_ready || !begin_pass()) {
         return mfeReturnStatus(0);
     }
     for (int f = _m_n_cur_frame; f < _m_n_frames_avail; ++f) {
@@ -387,11 +384,10 @@ int CMFE::mfeReturnStatus(int /*clipped*/) {
 
 int CMFE::mfeIsSil(int from, int to) {
     const int ring_frames = _m_p_frame_state != nullptr ? _m_n_ring_frames : _m_n_buf_frames;
-    const bool kept = from >= 0 && 1LL * _m_n_cur_frame - ring_frames < from;
-    if (to < 0 || to > _m_n_cur_frame || !kept) {
+    if (to > _m_n_cur_frame || 1LL * _m_n_cur_frame - ring_frames >= from) {
         return kBadParameter;
     }
-    if (to > from && _m_p_frame_state == nullptr) {
+    if (to > from && (from < 0 || _m_p_frame_state == nullptr)) {
         return kBadParameter;
     }
     for (int f = from; f < to; ++f) {

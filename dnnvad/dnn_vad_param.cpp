@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <limits>
 #include <memory>
 
 #include "dnnvad/constants.h"
@@ -141,7 +140,6 @@ enum Parameter {
 };
 
 constexpr int kMinBufferFrames = 100;
-constexpr long long kMaxInt = std::numeric_limits<int>::max();
 
 // Parameters that are plain integer fields.
 struct IntParameter {
@@ -193,7 +191,9 @@ int CMFE::mfeSetParam(int id, float value) {
             _m_n_debug_log = std::max(v, 0);
             return 0;
         case kBufferLength:
-            return set_buffer_length(v);
+            // Does not refresh the chunk limit: only the sample rate does, kept.
+            _m_n_buf_frames = std::max(v / _m_n_frame_shift + 1, kMinBufferFrames);
+            return 0;
         case kVadEnable:
             _m_b_vad_enable = v != 0;
             return 0;
@@ -216,28 +216,14 @@ int CMFE::mfeSetParam(int id, float value) {
     }
 }
 
-// Does not refresh the chunk limit: only the sample rate does, kept.
-int CMFE::set_buffer_length(int samples) {
-    const int frames = std::max(samples / _m_n_frame_shift + 1, kMinBufferFrames);
-    if (1LL * frames * _m_n_frame_shift > kMaxInt) {
-        return kBadParameter;
-    }
-    _m_n_buf_frames = frames;
-    return 0;
-}
-
 int CMFE::set_sample_rate(int rate) {
     if (rate != 8000 && rate != 16000) {
         VAD_ERROR("SampleRate = %d, should be 8000 or 16000\n", rate);
         return kBadParameter;
     }
-    const int shift = rate / 100;
-    if (1LL * shift * _m_n_buf_frames > kMaxInt) {
-        return kBadParameter;
-    }
-    _m_n_frame_shift = shift;
+    _m_n_frame_shift = rate / 100;
     _m_n_sample_rate = rate;
-    _m_n_max_data_len = shift * _m_n_buf_frames;
+    _m_n_max_data_len = saturate_to_int(1LL * _m_n_frame_shift * _m_n_buf_frames);
     _m_p_data_feed = rate == 8000 ? _m_p_data : _m_p_data8k;
     _m_p_data_in = _m_p_data;
     return 0;

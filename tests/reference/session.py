@@ -108,14 +108,11 @@ class Session:
         self.smoother = Smoother(self.speech_threshold, self.sil_threshold)
         self.network = Network(model)
         if self.network.feat_dim == 40:
-            if self.network.rate not in (8000, 16000):
-                return -120
             self.wide, self.channels = True, 40
             self.low, self.high = self.network.low, self.network.high
-            if self.sample_rate != self.network.rate:
-                self.sample_rate = self.network.rate
+            self.sample_rate = self.network.rate
+            if self.sample_rate in (8000, 16000):
                 self.frame_shift = self.sample_rate // 100
-                self.max_data_len = self.frame_shift * self.buf_frames
         if not self.network.loaded or self.network.feat_dim < 26:
             return -120
         bins = 256 if self.wide else 128
@@ -180,6 +177,9 @@ class Session:
             return -109
         if n > cdiv(self.max_data_len, 2):
             return -118
+        if self.data is None and n == 0:
+            self.last_status, self.status = self.status, self.status if self.vad_enable else 1
+            return 0
         if pcm is None or self.data is None:
             return -103
         old, size = self.samples_in, len(self.data)
@@ -255,7 +255,9 @@ class Session:
 
     def is_sil(self, first, end):
         size = len(self.frame_state) if self.frame_state else self.buf_frames
-        if first < 0 or end < 0 or end > self.cur_frame or self.cur_frame - size >= first:
+        if end > self.cur_frame or self.cur_frame - size >= first:
+            return -109
+        if first < 0 < end - first:
             return -109
         good = all(self.frame_state[f % size] == SIL2SIL for f in range(first, end))
         return 0 if good else -102
