@@ -1,7 +1,9 @@
 #include "audio_input.h"
 
+#include <fcntl.h>
 #include <sndfile.h>
 #include <soxr.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -17,20 +19,27 @@ namespace {
 
 constexpr float kFullScale = 32768.0F;
 constexpr std::size_t kBlock =
-    160;                        // frames read at once: what is spoken into a pipe is not delayed
-constexpr int kWavHeader = 44;  // bytes
+    160;  // frames read at once: what is spoken into a pipe is not delayed
+constexpr sf_count_t kMostFrames = sf_count_t{1} << 48;
+constexpr int kLeastRate = 1000, kMostRate = 384000;  // Hz
 
 using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
-SoundFile open_sound(const std::string& path, int mode, SF_INFO& info) {
-    SoundFile file(path == "-" ? sf_open_fd(STDIN_FILENO, mode, &info, SF_FALSE)
-                               : sf_open(path.c_str(), mode, &info),
+// By descriptor if there is one; but some formats are known by the file's name alone.
+SoundFile open_sound(const std::string& path, int mode, SF_INFO& info, int descriptor = -1) {
+    const SF_INFO wanted = info;
+    SoundFile file(descriptor < 0 ? nullptr : sf_open_fd(descriptor, mode, &info, SF_FALSE),
                    sf_close);
+    if (file == nullptr && descriptor != STDIN_FILENO &&
+        (descriptor < 0 || lseek(descriptor, 0, SEEK_SET) == 0)) {
+        info = wanted;
+        file.reset(sf_open(path.c_str(), mode, &info));
+    }
     if (file == nullptr) {
         std::string why =
             sf_error(nullptr) == SF_ERR_SYSTEM ? std::strerror(errno) : sf_strerror(nullptr);
         why.erase(why.find_last_not_of(" .\n") + 1);
-        throw Failure(path == "-" ? "standard input" : path, why);
+        throw Failure(path, why);
     }
     return file;
 }
@@ -42,7 +51,7 @@ void add_audio_options(CLI::App& command, AudioOptions& options) {
         .add_option("--raw", options.raw_rate,
                     "Input is headerless 16-bit little-endian mono PCM of this rate")
         ->type_name("HZ")
-        ->check(CLI::Range(1000, 384000));
+        ->check(CLI::Range(kLeastRate, kMostRate));
     command
         .add_option("--channel", options.channel,
                     "Listen to this channel (1, 2, ...) instead of the average of all")
@@ -52,23 +61,84 @@ void add_audio_options(CLI::App& command, AudioOptions& options) {
 
 struct AudioInput::File {
     std::string path;
+    int descriptor = STDIN_FILENO;
     SF_INFO info{};
     SoundFile sound{nullptr, sf_close};
     int channel;
     std::vector<float> block;
+    sf_count_t heard = 0;     // frames
+    sf_count_t promised = 0;  // frames, by the header; 0 if it is known not to know
+    bool open_ended = false;  // it is, and that of a file
+
+    ~File() {
+        if (descriptor > STDIN_FILENO) {
+            close(descriptor);
+        }
+    }
+    void look_behind_header(sf_count_t size);
 };
+
+// Recorders that stream, or were cut off, leave WAV files with a wrong length or none: 0, or (nearly) all
+// that 31 or 32 bits hold. What follows the header then is audio, unless it looks like a chunk.
+void AudioInput::File::look_behind_header(sf_count_t size) {
+    const int coding = info.format & SF_FORMAT_SUBMASK,
+              container = info.format & ~SF_FORMAT_SUBMASK;
+    const bool large = container == SF_FORMAT_RF64;
+    sf_count_t begin = lseek(descriptor, 0, SEEK_CUR);  // of the audio; -1: a pipe
+    promised = begin >= 0 && info.frames < kMostFrames ? info.frames : 0;
+    if (coding > SF_FORMAT_ALAW ||
+        (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX && (!large || begin < 0))) {
+        return;
+    }
+    const sf_count_t width = sf_current_byterate(sound.get()) / info.samplerate;  // of a frame
+    sf_count_t claimed = info.frames * width;                                     // bytes
+    std::uint32_t next[2] = {};
+    const char* const name = reinterpret_cast<const char*>(next);
+    bool more = false;  // than libsndfile would read
+    if (begin >= 0) {
+        const sf_count_t end = begin + claimed + claimed % 2, rest = size - end;
+        more = rest >= 8 + width && pread(descriptor, next, 8, end) == 8 &&
+               (next[1] > rest ||
+                !std::all_of(name, name + 4, [](char c) { return c >= ' ' && c <= '~'; }));
+        more = pread(descriptor, &(claimed = 0), large ? 8 : 4, large ? 28 : begin - 4) > 0 && more;
+    }
+    const bool unknown = more || ((claimed + 0x10000) & 0x7fffffff) <= 0x10000;
+    promised = unknown ? 0 : claimed / width;
+    open_ended = unknown && begin >= 0;
+    if (more || (unknown && begin < 0)) {
+        info = {0, info.samplerate, info.channels, SF_FORMAT_RAW | SF_ENDIAN_LITTLE | coding, 0, 0};
+        lseek(descriptor, 0, SEEK_SET);  // (a pipe stays where it is)
+        sound = open_sound(path, SFM_READ, info, descriptor);
+        if (begin >= 0) {
+            sf_command(sound.get(), SFC_SET_RAW_START_OFFSET, &begin, sizeof begin);
+            sf_seek(sound.get(), 0, SEEK_SET);
+        }
+    }
+}
 
 AudioInput::AudioInput(const std::string& path, const AudioOptions& options)
     : file_(std::make_unique<File>()) {
-    file_->path = path;
+    struct stat about {};
+    file_->path = path == "-" ? "standard input" : path;
+    if (path != "-") {
+        file_->descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    if (fstat(file_->descriptor, &about) == 0 && !S_ISFIFO(about.st_mode) &&
+        (S_ISDIR(about.st_mode) || (S_ISREG(about.st_mode) && about.st_size == 0))) {
+        throw Failure(file_->path, S_ISDIR(about.st_mode) ? "is a folder" : "is empty");
+    }
     if (options.raw_rate > 0) {
         file_->info = {
             0, options.raw_rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0, 0};
     }
-    file_->sound = open_sound(path, SFM_READ, file_->info);
+    file_->sound = open_sound(file_->path, SFM_READ, file_->info, file_->descriptor);
+    if (rate() < kLeastRate || rate() > kMostRate) {
+        throw Failure(file_->path, format("has a sample rate of %d Hz", rate()));
+    }
+    file_->look_behind_header(about.st_size);
     file_->channel = options.channel;
     if (options.channel > file_->info.channels) {
-        throw Failure(path,
+        throw Failure(file_->path,
                       format("has %d channels, not %d", file_->info.channels, options.channel));
     }
 }
@@ -92,6 +162,19 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
         throw Failure(file_->path, sf_strerror(file_->sound.get()));
     }
     const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
+    file_->heard += static_cast<sf_count_t>(frames);
+    const sf_count_t missing = file_->promised - file_->heard;
+    if (frames < count && stopping == 0 &&
+        (file_->heard == 0 || file_->open_ended || missing > 0)) {
+        const double hertz = rate();
+        const std::string what =
+            file_->heard == 0   ? "holds no samples"
+            : file_->open_ended ? "its header tells no length, or a wrong one: heard to its end"
+                                : format("ends after %.2f s, %.2f s before it should",
+                                         static_cast<double>(file_->heard) / hertz,
+                                         static_cast<double>(missing) / hertz);
+        std::fprintf(stderr, "dnnvad: warning: %s: %s\n", file_->path.c_str(), what.c_str());
+    }
     for (std::size_t f = 0; f < frames; ++f) {
         const float* const all = &file_->block[f * channels];
         if (file_->channel > 0) {
@@ -205,28 +288,20 @@ std::vector<short> read_recording(const std::string& path, int rate) {
 }
 
 void write_wav(FILE* stream, const std::vector<short>& samples, int rate) {
-    const auto bytes = static_cast<std::uint32_t>(2 * samples.size());
-    unsigned char header[kWavHeader] = "RIFF....WAVEfmt ";
-    const auto put = [&header](int at, std::uint32_t value, int size) {
-        for (int k = 0; k < size; ++k) {
-            header[at + k] = static_cast<unsigned char>(value >> (8 * k));
-        }
+    // Little-endian, as the processors are that this runs on.
+    const auto name = [](const char* text) {
+        std::uint32_t word = 0;
+        std::memcpy(&word, text, sizeof word);
+        return word;
     };
+    const auto bytes = static_cast<std::uint32_t>(2 * samples.size());
     const auto hertz = static_cast<std::uint32_t>(rate);
-    put(4, bytes + kWavHeader - 8, 4);
-    put(16, 16, 4);  // length of the format chunk
-    put(20, 1, 2);   // PCM
-    put(22, 1, 2);   // channels
-    put(24, hertz, 4);
-    put(28, 2 * hertz, 4);  // bytes per second
-    put(32, 2, 2);          // bytes per frame
-    put(34, 16, 2);         // bits
-    std::memcpy(header + 36, "data", 4);
-    put(40, bytes, 4);
+    constexpr std::uint32_t kMonoPcm = 1 << 16 | 1, k16Bits = 16 << 16 | 2;  // (2 bytes a frame)
+    const std::uint32_t header[] = {name("RIFF"), bytes + 36,   name("WAVE"), name("fmt "),
+                                    16,           kMonoPcm,     hertz,        2 * hertz,
+                                    k16Bits,      name("data"), bytes};
     std::fwrite(header, 1, sizeof header, stream);
-    for (const short sample : samples) {  // little-endian, as the processors are that this runs on
-        std::fwrite(&sample, sizeof sample, 1, stream);
-    }
+    std::fwrite(samples.data(), sizeof(short), samples.size(), stream);
 }
 
 struct WavFile::File {

@@ -5,29 +5,13 @@
 
 #include "program.h"
 
-void add_cut_options(CLI::App& command, CutOptions& options) {
-    command
-        .add_option("--cut", options.folder, "Write every utterance to a WAV file in this folder")
+void add_cut_option(CLI::App& command, std::string& folder) {
+    command.add_option("--cut", folder, "Write every utterance to a WAV file in this folder")
         ->type_name("DIR");
-    command
-        .add_option("--margin", options.margin,
-                    "Audio kept before and after speech, as 40 (frames) or 300ms")
-        ->type_name("TIME");
 }
 
-void apply_margin(const CutOptions& options, SessionOptions& session) {
-    if (options.margin.empty()) {
-        return;
-    }
-    std::vector<std::string> set;
-    for (const char* const name : {"start_back_frame=", "end_back_frame="}) {
-        set.push_back(name + options.margin);
-    }
-    session.set.insert(session.set.begin(), set.begin(), set.end());
-}
-
-Cutter::Cutter(const CutOptions& options, std::string name, int rate)
-    : folder_(options.folder), name_(std::move(name)), rate_(rate) {
+Cutter::Cutter(std::string folder, std::string name, int rate)
+    : folder_(std::move(folder)), name_(std::move(name)), rate_(rate) {
     std::error_code error;
     std::filesystem::create_directories(folder_, error);
     if (error) {

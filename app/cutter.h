@@ -7,24 +7,18 @@
 
 #include "audio_input.h"
 #include "listener.h"
-#include "session_options.h"
 
-struct CutOptions {
-    std::string folder;
-    std::string margin;  // frames or a time, as --set takes them; empty: as the session is set
-};
+namespace CLI {
+class App;
+}
 
-// Adds --cut and --margin to a command.
-void add_cut_options(CLI::App& command, CutOptions& options);
-
-// Turns --margin into session parameters, a longer buffer included; before other settings.
-void apply_margin(const CutOptions& options, SessionOptions& session);
+// Adds --cut to a command.
+void add_cut_option(CLI::App& command, std::string& folder);
 
 // Writes FOLDER/NAME-001.wav, -002, ...; a file appears when its utterance has ended.
 class Cutter {
 public:
-    Cutter(const CutOptions& options, std::string name,
-           int rate);  // makes the folder; throws Failure
+    Cutter(std::string folder, std::string name, int rate);  // makes the folder; throws Failure
     void begin(const Utterance&);
     void write(const short* samples, int count);
     std::string keep();  // the path of the finished file

@@ -21,7 +21,7 @@ struct Options {
     AudioOptions audio;
     std::string format = "table";
     std::string output;
-    CutOptions cut;
+    std::string cut;  // folder
 };
 
 std::string display_name(const std::string& file) { return file == "-" ? "stdin" : file; }
@@ -31,11 +31,11 @@ std::string stem(const std::string& file) { return fs::path(display_name(file)).
 // Hands what the listener hears to the writer and, if wanted, the audio to files.
 class Reporter : public Watcher {
 public:
-    Reporter(std::string file, SegmentWriter& writer, FILE* stream, Cutter* cutter,
+    Reporter(std::string file, SegmentWriter& writer, OutputFile* output, Cutter* cutter,
              Progress& progress)
         : file_(std::move(file)),
           writer_(writer),
-          stream_(stream),
+          output_(output),
           cutter_(cutter),
           progress_(progress) {}
 
@@ -53,7 +53,8 @@ public:
         const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
         progress_.clear();
         writer_.utterance(file_, u, cut);
-        std::fflush(stream_);  // results appear as they are decided
+        output_ != nullptr ? output_->flush()
+                           : finish_output();  // results appear as they are decided
         ++count_;
     }
     void forgotten(const Utterance&, bool) override {
@@ -66,7 +67,7 @@ public:
 private:
     std::string file_;
     SegmentWriter& writer_;
-    FILE* stream_;
+    OutputFile* output_;  // null: standard output
     Cutter* cutter_;
     Progress& progress_;
     int count_ = 0;
@@ -74,18 +75,21 @@ private:
 
 // Detects in one recording; returns the number of utterances.
 int detect_file(const Options& options, const std::string& file, SegmentWriter& writer,
-                FILE* stream, Progress& progress) {
+                OutputFile* output, Progress& progress) {
     AudioInput input(file, options.audio);
+    if (file == "-") {
+        stop_on_signals();  // what was found in a stream until then is kept, as at its end
+    }
     const auto session = open_session(options.session, input.rate());
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
     PcmReader reader(input, rate);
     std::unique_ptr<Cutter> cutter;
-    if (!options.cut.folder.empty()) {
+    if (!options.cut.empty()) {
         cutter = std::make_unique<Cutter>(options.cut, stem(file), rate);
     }
-    warn_of_doubts(*session);
+    warn_of_doubts(*session, options.session);
     writer.begin(display_name(file), options.files.size() > 1);
-    Reporter reporter(display_name(file), writer, stream, cutter.get(), progress);
+    Reporter reporter(display_name(file), writer, output, cutter.get(), progress);
     Listener listener(*session, reporter);
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
     while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
@@ -113,12 +117,11 @@ void check_names(const Options& options, bool to_folder) {
         }
         const fs::path folder =
             fs::path(file).has_parent_path() ? fs::path(file).parent_path() : ".";
-        if (fs::equivalent(folder, options.cut.folder, error)) {
-            throw UsageError("--cut " + options.cut.folder +
-                             " holds recordings: name another folder");
+        if (fs::equivalent(folder, options.cut, error)) {
+            throw UsageError("--cut " + options.cut + " holds recordings: name another folder");
         }
         const auto [other, fresh] = stems.emplace(stem(file), file);
-        if (!fresh && (to_folder || !options.cut.folder.empty())) {
+        if (!fresh && (to_folder || !options.cut.empty())) {
             throw UsageError(other->second + " and " + file + " would give files of the same name");
         }
     }
@@ -160,15 +163,20 @@ int run(Options options) {
                 open_writer(
                     (fs::path(options.output) / (stem(recording) + form.extension)).string());
             }
-            utterances += detect_file(options, recording, *writer,
-                                      file != nullptr ? file->stream() : results(), progress);
+            utterances += detect_file(options, recording, *writer, file.get(), progress);
             if (to_folder) {
                 file->commit();
             }
         } catch (const Failure& failure) {
             progress.clear();
+            if (!to_folder && std::ferror(file != nullptr ? file->stream() : results()) != 0) {
+                throw;  // (nor could anything of the next recording be written)
+            }
             std::fprintf(stderr, "dnnvad: %s\n", failure.what());
             ++failed;
+        }
+        if (stopping != 0) {
+            break;
         }
     }
     // What was found in the other recordings is kept; of a single one that failed nothing is.
@@ -179,7 +187,7 @@ int run(Options options) {
         std::fprintf(stderr, "%zu recordings, %d utterances, %d failed\n", options.files.size(),
                      utterances, failed);
     }
-    return failed > 0 ? 1 : 0;
+    return failed > 0 ? 1 : stopping != 0 ? 128 + stopping : 0;
 }
 
 }  // namespace
@@ -206,10 +214,8 @@ void add_detect(CLI::App& program, Action& action) {
                     "Write to this file instead of standard output, or into this folder a file\n"
                     "for each recording (NAME/ is made where there is none)")
         ->type_name("PATH");
-    add_cut_options(command, options->cut);
+    add_cut_option(command, options->cut);
     add_session_options(command, options->session);
-    command.callback([options, &action] {
-        apply_margin(options->cut, options->session);
-        action = [options] { return run(*options); };
-    });
+    add_margin_option(command, options->session);
+    command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

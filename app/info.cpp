@@ -44,19 +44,28 @@ ordered_json describe(const std::string& file) {
     return out;
 }
 
-// "session_bytes_measured" becomes "session bytes measured"; lists of texts take a line each.
+// A value as people read it.
+std::string text(const ordered_json& value) {
+    const auto number = [&value](const char* key) { return value[key].get<double>(); };
+    return value.is_string()         ? value.get<std::string>()
+           : value.contains("low")   ? format("%.6g .. %.6g", number("low"), number("high"))
+           : value.contains("hz")    ? format("%7.1f Hz %+.4f", number("hz"), number("weight"))
+           : value.is_number_float() ? format("%.6g", value.get<double>())
+                                     : value.dump();
+}
+
+// "session_bytes_measured" becomes "session bytes measured"; lists take a line each, unless of numbers.
 void print(const ordered_json& description) {
     for (const auto& [key, value] : description.items()) {
         std::string name = key;
         std::replace(name.begin(), name.end(), '_', ' ');
-        const bool lines = value.is_array() && (value.empty() || value[0].is_string());
+        const bool lines = value.is_array() && (value.empty() || !value[0].is_number());
         if (lines && value.empty()) {
             continue;
         }
-        std::string text = value.is_string() ? value.get<std::string>() : lines ? "" : value.dump();
-        std::fprintf(results(), "%-26s%s\n", name.c_str(), text.c_str());
+        std::fprintf(results(), "%-26s%s\n", name.c_str(), lines ? "" : text(value).c_str());
         for (std::size_t i = 0; lines && i < value.size(); ++i) {
-            std::fprintf(results(), "    %s\n", value[i].get<std::string>().c_str());
+            std::fprintf(results(), "    %s\n", text(value[i]).c_str());
         }
     }
 }

@@ -6,9 +6,9 @@
 
 #include <CLI/CLI.hpp>
 #include <cmath>
-#include <csignal>
 #include <ctime>
 #include <limits>
+#include <utility>
 
 #include "audio_input.h"
 #include "capture.h"
@@ -16,11 +16,13 @@
 #include "cutter.h"
 #include "json_text.h"
 #include "program.h"
+#include "session_options.h"
 
 namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr int kUsualRate = 16000;               // Hz
 constexpr int kMeterFrames = 10;                // between two pictures; time constant of the level
 constexpr int kNoiseFrames = 100;               // time constant of the noise floor
 constexpr int kShownFrames = 50;                // a time-out lasts one frame, but stays readable
@@ -34,30 +36,12 @@ constexpr const char* kStatusNames[] = {"not started", "speaking", "pause", "tim
 
 struct Options {
     std::string device = "default", format = "text";
-    int rate = 16000;  // Hz
+    int rate = 0;  // Hz; 0: not said
     double seconds = std::numeric_limits<double>::infinity();
     bool once = false, list = false;
-    CutOptions cut;
+    std::string cut;  // folder
     SessionOptions session;
 };
-
-volatile std::sig_atomic_t stopping = 0;
-struct sigaction usual_action;  // what Ctrl-C does in the other commands
-
-extern "C" void request_stop(int signal) {
-    stopping = 1;
-    sigaction(signal, &usual_action,
-              nullptr);  // a second one ends the program whatever it waits for
-}
-
-// From now on Ctrl-C and SIGTERM end the stream, not the program; they interrupt what it waits for.
-void stop_on_signals() {
-    struct sigaction action {};
-    action.sa_handler = request_stop;
-    for (const int signal : {SIGINT, SIGTERM}) {
-        sigaction(signal, &action, &usual_action);
-    }
-}
 
 // Prints events, keeps audio, and draws the status line if standard error is a terminal.
 class Monitor : public Watcher {
@@ -67,6 +51,7 @@ public:
 
     void frame(const Frame& frame) override { frame_ = frame; }
     void began(const Utterance& u) override {
+        idle_ = false;
         if (cutter_ != nullptr) {
             cutter_->begin(u);
         }
@@ -115,7 +100,9 @@ public:
             format("forgotten: %s at %.2f", prompt ? "the prompt" : "a blip", start));
     }
     void timed_out(double seconds) override {
-        say({{"type", "time-out"}, {"time", hundredths(seconds)}}, "time-out");
+        if (!std::exchange(idle_, true)) {
+            say({{"type", "time-out"}, {"time", hundredths(seconds)}}, "time-out");
+        }
     }
     void stream_ended(double seconds, int status, int overruns) {
         set_status(status);
@@ -191,6 +178,7 @@ private:
     FILE* stream_;
     Cutter* cutter_;
     int utterances_ = 0;
+    bool idle_ = false;         // of the time-outs since the last speech only the first one is told
     std::vector<short> audio_;  // of the first utterance
     bool terminal_ = isatty(STDERR_FILENO) != 0;
     Frame frame_{0, kSilence, 0, 0, nullptr, 0};
@@ -202,9 +190,10 @@ private:
 // Files are named after the time when listening began, so that no recording replaces an earlier one.
 std::string cut_name() {
     char text[32] = "";
-    const std::time_t now = std::time(nullptr);
-    std::strftime(text, sizeof text, "live-%Y%m%d-%H%M%S", std::localtime(&now));
-    return text;
+    std::timespec now{};
+    std::timespec_get(&now, TIME_UTC);
+    std::strftime(text, sizeof text, "live-%Y%m%d-%H%M%S", std::localtime(&now.tv_sec));
+    return format("%s-%03ld", text, now.tv_nsec / 1000000);
 }
 
 int run(const Options& options) {
@@ -212,14 +201,18 @@ int run(const Options& options) {
         list_capture_devices(results());
         return 0;
     }
-    const auto session = open_session(options.session, options.rate);
+    SessionOptions wanted = options.session;
+    const auto session = open_session(wanted, options.rate > 0 ? options.rate : kUsualRate);
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
     Capture capture(options.device, rate, stopping);
     std::unique_ptr<Cutter> cutter;
-    if (!options.cut.folder.empty()) {
+    if (!options.cut.empty()) {
         cutter = std::make_unique<Cutter>(options.cut, cut_name(), rate);
     }
-    warn_of_doubts(*session);
+    if (options.rate > 0) {
+        wanted.set.push_back(format("sample_rate=%d", options.rate));
+    }
+    warn_of_doubts(*session, wanted);
     const bool audio_out = options.once && isatty(fileno(results())) == 0;
     Monitor monitor(*session, options, audio_out ? stderr : results(), cutter.get());
     Listener listener(*session, monitor);
@@ -259,12 +252,13 @@ void add_live(CLI::App& program, Action& action) {
         .add_option("--rate", options->rate,
                     "Sample rate in Hz, as far as the model leaves it open")
         ->check(CLI::IsMember({8000, 16000}))
-        ->capture_default_str();
+        ->default_str("16000");
     command
         .add_option(
             "-f,--format", options->format,
             "Events, a line each: text, or json objects of \"type\" began, ended, forgotten\n"
-            "(a blip, the prompt), time-out, stream (its end); times in seconds of stream")
+            "(a blip, the prompt), time-out (the first of a silence), stream (its end); times in "
+            "seconds of stream")
         ->check(CLI::IsMember({"text", "json"}))
         ->capture_default_str();
     command.add_option("--seconds", options->seconds, "End after this much of the stream")
@@ -276,10 +270,8 @@ void add_live(CLI::App& program, Action& action) {
         "If standard output is no terminal it gets the utterance as a WAV file, and\n"
         "standard error the events");
     command.add_flag("--list", options->list, "List the capture devices");
-    add_cut_options(command, options->cut);
+    add_cut_option(command, options->cut);
     add_session_options(command, options->session);
-    command.callback([options, &action] {
-        apply_margin(options->cut, options->session);
-        action = [options] { return run(*options); };
-    });
+    add_margin_option(command, options->session);
+    command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -6,6 +6,7 @@
 #include "program.h"
 
 int main(int argc, char** argv) {
+    prepare_process();
     CLI::App program(
         "Finds out when people start and stop speaking.\n"
         "dnnvad COMMAND --help tells about a command; man dnnvad about all.",
@@ -35,7 +36,6 @@ int main(int argc, char** argv) {
     }
     try {
         program.parse(argc, argv);
-        remove_unfinished_on_signals();
         claim_output(library_log);
         const int status = action();
         finish_output();

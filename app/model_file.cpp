@@ -89,7 +89,7 @@ struct Range {
         high = std::max(high, value);
         finite = finite && std::isfinite(value);
     }
-    ordered_json text() const { return low > high ? "empty" : format("%.6g .. %.6g", low, high); }
+    ordered_json json() const { return {{"low", low}, {"high", high}}; }
 };
 
 // A decimal integer as the library takes it: its first digits, cut to 32 bits.
@@ -219,12 +219,12 @@ ordered_json describe_model(const std::string& path) {
     out["sample_rate_hz"] = rate;
     out["band_hz"] = {low, high};
     out["flag"] = flag;
-    out["means"] = means.text();
-    out["multipliers"] = multipliers.text();
+    out["means"] = means.json();
+    out["multipliers"] = multipliers.json();
     out["layers"] = sizes;
     out["frames_of_input"] = sizes[0] / used;
     out["parameters"] = count;
-    out["parameter_range"] = weights.text();
+    out["parameter_range"] = weights.json();
     out["multiply_adds_per_frame"] = products;
     out["doubts"] = doubts;
     out["whole"] = needed <= count && *std::max_element(sizes.begin(), sizes.end()) <= count;
@@ -328,8 +328,7 @@ ordered_json describe_template(const std::string& path, int bins) {
     ordered_json strongest = ordered_json::array();
     for (std::size_t k = 0; k < 8 && weights[order[k]] != 0.0F; ++k) {
         const double hertz = static_cast<double>(order[k] + kLow - 2) * kBinHertz;
-        strongest.push_back(
-            format("%7.1f Hz %+.4f", hertz, static_cast<double>(weights[order[k]])));
+        strongest.push_back({{"hz", hertz}, {"weight", weights[order[k]]}});
     }
     return {{"file", path},
             {"kind", "bleep template"},
@@ -337,7 +336,7 @@ ordered_json describe_template(const std::string& path, int bins) {
             {"rows", kRows},
             {"bins", bins},
             {"template_10_ms_a_column", picture(cells, bins)},
-            {"bias", format("%.6g", static_cast<double>(weights[0]))},
+            {"bias", weights[0]},
             {"strongest_weights_per_cell", strongest},
             {"doubts", doubts}};
 }

@@ -484,7 +484,7 @@ int run(const Options& options) {
     }
     AudioInput input(options.file, options.audio);
     const auto session = open_session(options.session, input.rate());
-    warn_of_doubts(*session);
+    warn_of_doubts(*session, options.session);
     PcmReader reader(input, static_cast<int>(session->mfeGetParam(kSampleRate)));
     OutputFile output(options.output);
     Story story(*session);
@@ -497,7 +497,7 @@ int run(const Options& options) {
         progress.show(options.file, reader.share());
     }
     if (story.frames() == 0) {
-        throw Failure(options.file, "holds no samples");
+        throw Failure(options.file, "there is nothing to draw");
     }
     listener.finish();
     story.finish();
@@ -551,5 +551,6 @@ void add_plot(CLI::App& program, Action& action) {
         ->type_name("TEXT");
     add_audio_options(command, options->audio);
     add_session_options(command, options->session);
+    add_margin_option(command, options->session);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

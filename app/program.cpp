@@ -1,13 +1,14 @@
 #include "program.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
-#include <csignal>
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -30,14 +31,25 @@ extern "C" void remove_unfinished(int signal) {
     std::raise(signal);
 }
 
+struct sigaction usual_action;
+
+extern "C" void request_stop(int signal) {
+    const int error = errno;
+    stopping = signal;
+    dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);  // (whoever waits for a pipe tries again)
+    sigaction(signal, &usual_action, nullptr);
+    errno = error;
+}
+
 }  // namespace
+
+volatile std::sig_atomic_t stopping = 0;
 
 void claim_output(const std::string& library_log) {
     std::fflush(stdout);
-    const int own = dup(STDOUT_FILENO);
-    own_output = own < 0 ? nullptr : fdopen(own, "w");
+    own_output = fdopen(dup(STDOUT_FILENO), "w");
     if (own_output == nullptr) {
-        throw Failure("standard output", std::strerror(errno));
+        throw Failure("standard output", "is closed");
     }
     const char* const sink = library_log.empty() ? "/dev/null" : library_log.c_str();
     if (std::freopen(sink, "a", stdout) == nullptr) {
@@ -47,15 +59,32 @@ void claim_output(const std::string& library_log) {
 
 FILE* results() { return own_output; }
 
-void finish_output() {
-    if (std::fflush(own_output) != 0 || std::ferror(own_output) != 0) {
-        throw Failure("standard output", "cannot be written");
+void flush(FILE* stream, const std::string& name) {
+    errno = 0;
+    if (std::fflush(stream) != 0 || std::ferror(stream) != 0) {
+        throw Failure(name, errno != 0 ? std::strerror(errno) : "cannot be written");
     }
 }
 
-void remove_unfinished_on_signals() {
+void prepare_process() {
+    // Opened the wrong way round: a stream that is closed cannot be used either.
+    while (fcntl(STDIN_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 ||
+           fcntl(STDERR_FILENO, F_GETFD) < 0) {
+        open("/dev/null", fcntl(STDIN_FILENO, F_GETFD) < 0 ? O_WRONLY : O_RDONLY);
+    }
+    std::signal(SIGXFSZ, SIG_IGN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGABRT}) {
-        std::signal(signal, remove_unfinished);
+        if (std::signal(signal, remove_unfinished) == SIG_IGN) {
+            std::signal(signal, SIG_IGN);  // as nohup wants it
+        }
+    }
+}
+
+void stop_on_signals() {
+    struct sigaction action {};
+    action.sa_handler = request_stop;
+    for (const int signal : {SIGINT, SIGTERM}) {
+        sigaction(signal, &action, &usual_action);
     }
 }
 
@@ -103,11 +132,9 @@ OutputFile::~OutputFile() {
 }
 
 void OutputFile::commit() {
-    const bool written = std::ferror(stream_) == 0;
-    const int closed = std::fclose(stream_);
-    stream_ = nullptr;
-    if (closed != 0 || !written) {
-        throw Failure(file_.name(), "cannot be written");
+    flush();
+    if (std::fclose(std::exchange(stream_, nullptr)) != 0) {
+        throw Failure(file_.name(), std::strerror(errno));
     }
     file_.commit();
 }

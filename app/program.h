@@ -2,6 +2,7 @@
 #ifndef DNNVAD_APP_PROGRAM_H
 #define DNNVAD_APP_PROGRAM_H
 
+#include <csignal>
 #include <cstdio>
 #include <stdexcept>
 #include <string>
@@ -24,11 +25,17 @@ void claim_output(const std::string& library_log);
 // Where the program's own results go: the standard output that it was started with.
 FILE* results();
 
-// Flushes results(). Throws Failure when something could not be written.
-void finish_output();
+// Flushes a stream. Throws Failure when something could not be written to what is called `name`.
+void flush(FILE* stream, const std::string& name);
+inline void finish_output() { flush(results(), "standard output"); }
 
-// Makes Ctrl-C and the like remove every unfinished file before they end the program.
-void remove_unfinished_on_signals();
+// Readies the process, first of all: descriptors that it was started without never become files of
+// its own, writing too much is an error, and Ctrl-C and the like remove unfinished files as they end it.
+void prepare_process();
+
+// From now on Ctrl-C and SIGTERM end the input, standard input too, not the program; a second one does.
+void stop_on_signals();
+extern volatile std::sig_atomic_t stopping;  // the signal that has come, or 0
 
 // A file that appears under its name only when it is complete. Until commit() it is written as
 // "PATH.partial", which goes away with the object. What exists and is no regular file (a device, a
@@ -58,6 +65,7 @@ public:
     OutputFile& operator=(const OutputFile&) = delete;
 
     FILE* stream() { return stream_; }
+    void flush() { ::flush(stream_, file_.name()); }
     void commit();  // throws Failure
 
 private:

@@ -345,8 +345,7 @@ Template derive(const std::vector<Map>& maps, int bins, int span, Logits& unseen
     return fit_and_judge(maps, best_counts, best, {0, 1}, 2, best_bound, unseen);
 }
 
-void write_template(const std::string& path, const Template& model, int bins) {
-    OutputFile file(path);
+void write_template(OutputFile& file, const Template& model, int bins) {
     for (std::size_t i = 0; i < model.cells.size(); ++i) {
         const bool ends = (i + 1) % static_cast<std::size_t>(bins) == 0;
         std::fprintf(file.stream(), "%d%c", model.cells[i], ends ? '\n' : ' ');
@@ -410,6 +409,7 @@ int run(const Options& options) {
         throw Failure(options.prompt,
                       format("holds %.2f s of sound; a prompt has 0.1 to 1.15 s", length));
     }
+    OutputFile output(options.output);
     Progress progress;
     std::vector<Map> maps;
     std::vector<Heard> prompts;
@@ -458,7 +458,7 @@ int run(const Options& options) {
     Logits unseen;
     const Template model = derive(maps, bins, static_cast<int>(100 * length) + 2, unseen, progress);
     progress.clear();
-    write_template(options.output, model, bins);
+    write_template(output, model, bins);
 
     const auto passing = [](const std::vector<double>& values) {
         const auto count =

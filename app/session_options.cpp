@@ -25,6 +25,7 @@ constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
 constexpr float kMostFrames = 1e9F;    // what is longer is told no further apart
 constexpr char kPrefix[] = "PARAM_";
 constexpr int kMostWarnings = 5;
+constexpr char kGroup[] = "Detection";  // of options
 
 enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
 
@@ -159,10 +160,12 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
     return keys;
 }
 
+// From a configuration file, or from --set ("").
 void set_parameter(CMFE& session, const Parameter& parameter, float value,
-                   const std::string& origin) {
+                   const std::string& file) {
     if (session.mfeSetParam(parameter.id, value) != 0) {
-        throw Failure(origin, format("%s cannot be %g", parameter.name, value));
+        const std::string what = format("%s cannot be %g", lower(parameter.name).c_str(), value);
+        file.empty() ? throw UsageError("--set: " + what) : throw Failure(file, what);
     }
 }
 
@@ -194,8 +197,7 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
         const auto choice = chosen.find(parameter.id);
         if (choice != chosen.end()) {
             const double rate = session.mfeGetParam(kSampleRate);
-            set_parameter(session, parameter, parse_value(parameter, choice->second, rate),
-                          "--set");
+            set_parameter(session, parameter, parse_value(parameter, choice->second, rate), "");
         } else if (parameter.value != nullptr &&
                    keys.count(std::string(kPrefix) + parameter.name) != 0) {
             set_parameter(session, parameter, parameter.value(config), options.config);
@@ -220,18 +222,17 @@ std::string chosen_model(const SessionOptions& options, const cfg_vad_t& config,
 }  // namespace
 
 void add_session_options(CLI::App& command, SessionOptions& options) {
-    const char* const group = "Detection";
     command
         .add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
         ->type_name("FILE")
-        ->group(group);
+        ->group(kGroup);
     command
         .add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
         ->type_name("FILE")
-        ->group(group);
+        ->group(kGroup);
     command.add_option("--config", options.config, "Configuration file of PARAM_NAME:value lines")
         ->type_name("FILE")
-        ->group(group);
+        ->group(kGroup);
     command
         .add_option("--set", options.set,
                     "A parameter by name, such as max_sp_pause=600ms or\n"
@@ -239,7 +240,26 @@ void add_session_options(CLI::App& command, SessionOptions& options) {
         ->type_name("NAME=VALUE")
         ->take_all()
         ->allow_extra_args(false)
-        ->group(group);
+        ->group(kGroup);
+}
+
+void add_margin_option(CLI::App& command, SessionOptions& options) {
+    const auto set = [&options](const std::string& margin) {
+        const std::string names[] = {"start_back_frame", "end_back_frame"};
+        for (const std::string& name : names) {
+            try {
+                setting_in_frames(name + '=' + margin);
+            } catch (const UsageError& error) {
+                throw UsageError("--margin" + std::string(error.what()).substr(name.size()));
+            }
+            options.set.insert(options.set.begin(), name + '=' + margin);
+        }
+    };
+    command
+        .add_option_function<std::string>(
+            "--margin", set, "Audio kept before and after speech, as 40 (frames) or 300ms")
+        ->type_name("TIME")
+        ->group(kGroup);
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {
@@ -269,13 +289,30 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     return session;
 }
 
-void warn_of_doubts(const CMFE& session) {
-    const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait;
-    if (pause >= wait) {
-        std::fprintf(stderr,
-                     "dnnvad: warning: max_sp_pause (%d frames) is not below max_wait_duration "
-                     "(%d): time-outs will end utterances, not pauses\n",
-                     pause, wait);
+void warn_of_doubts(CMFE& session, const SessionOptions& options) {
+    const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait,
+              from = session._m_n_detect_start, head = session._m_n_head_sil;
+    const auto start = session.mfeGetParam(23), stop = session.mfeGetParam(24),
+               rate = session.mfeGetParam(kSampleRate);
+    const auto warn = [](bool doubt, const std::string& what) {
+        if (doubt) {
+            std::fprintf(stderr, "dnnvad: warning: %s\n", what.c_str());
+        }
+    };
+    warn(pause >= wait, format("max_sp_pause (%d frames) is not below max_wait_duration (%d): "
+                               "time-outs will end utterances, not pauses",
+                               pause, wait));
+    warn(from > 0 && from >= head,
+         format("detect_start (%d frames) is not below head_sil_duration (%d): the session times "
+                "out and begins anew before it detects",
+                from, head));
+    warn(stop > start, format("dnn_sil_threshold (%g) is above dnn_speech_threshold (%g): scores "
+                              "between them end speech as soon as it starts",
+                              stop, start));
+    for (const std::string& assignment : options.set) {
+        const auto [parameter, text] = split(assignment);
+        warn(parameter->id == kSampleRate && parse_value(*parameter, text, 0) != rate,
+             format("the model hears %g Hz: a rate of %s has no effect", rate, text.c_str()));
     }
 }
 

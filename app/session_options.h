@@ -33,8 +33,10 @@ struct SessionOptions {
     std::vector<std::string> set;  // NAME=VALUE, applied after the file
 };
 
-// Adds --model, --bleep, --config and --set to a command. Malformed values are refused as it parses.
+// Adds --model, --bleep, --config and --set to a command.
 void add_session_options(CLI::App& command, SessionOptions& options);
+// After these: adds --margin, which becomes settings that go before those of --set.
+void add_margin_option(CLI::App& command, SessionOptions& options);
 
 // A session with every parameter set, sample rate and buffer length first, then initialised. The buffer
 // is lengthened where the margin before speech or the pause limit needs it. Without a
@@ -45,8 +47,8 @@ std::unique_ptr<tz_dnnvad::CMFE> open_session(const SessionOptions& options, int
 // The model file that open_session takes.
 std::string model_path(const SessionOptions& options, int recording_rate);
 
-// Warns of a pause limit that the session can never reach.
-void warn_of_doubts(const tz_dnnvad::CMFE& session);
+// Warns of settings that have no effect, or another than they seem to.
+void warn_of_doubts(tz_dnnvad::CMFE& session, const SessionOptions& options);
 
 // What differs from the library's defaults, a line each: "max_sp_pause 600 ms (default 900 ms)". The
 // rate, which follows from the model, is left out.

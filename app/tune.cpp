@@ -277,17 +277,18 @@ int run(const Options& o) {
     }
     listen(o, recordings, all);
     rank(o, all);
-    (o.format == "json" ? print_json : print_table)(o, all);
     const Setting& best = all.front();
-    if (!std::isfinite(best.rank[2])) {
+    const bool found = std::isfinite(best.rank[2]);
+    if (found && config != nullptr) {  // (before a reader of the table can go away)
+        write_config(o, best, config->stream());
+        config->commit();
+    }
+    (o.format == "json" ? print_json : print_table)(o, all);
+    if (!found) {
         throw Failure("tune", "no setting gave a figure for " + o.target);
     }
     if (best.excess > 0) {
         std::fprintf(stderr, "dnnvad: no setting meets all limits: the best breaks them least\n");
-    }
-    if (config != nullptr) {
-        write_config(o, best, config->stream());
-        config->commit();
     }
     return 0;
 }
@@ -320,6 +321,7 @@ void add_tune(CLI::App& program, Action& action) {
         return command.add_option(name, values, what)
             ->delimiter(',')
             ->take_all()
+            ->expected(1)
             ->allow_extra_args(false)
             ->type_name("LIST")
             ->group("Sweep")
