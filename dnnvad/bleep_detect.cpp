@@ -91,9 +91,9 @@ int BleepDetector::load_dector_model(const char* path, int rows, int cols, char*
         return -1;
     }
     const long long cells = static_cast<long long>(rows) * cols;
-    int value = -1;
+    long long value = -1;  // wide, so that 32-bit and 64-bit machines read the same
     for (long long i = 0; i < cells; ++i) {
-        if (std::fscanf(file.get(), "%d", &value) == 0) {
+        if (std::fscanf(file.get(), "%lld", &value) == 0) {
             return -1;
         }
         pattern[i] = static_cast<char>(value);

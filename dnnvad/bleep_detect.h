@@ -29,7 +29,8 @@ public:
     // number or the file ends before the last weight; the buffers may then be partly written.
     // Kept from the format's first reader: a file that ends within the template repeats its last
     // value (-1 at first) over the remaining cells, which shows only when weights are read; and a
-    // weight that is no number leaves that one and all later weights as they were, without an error.
+    // weight that is no number leaves that one and all later weights as they were, without an error
+    // (of a lone sign or a beginning of "nan" or "inf" the next weight is read in its place).
     int load_dector_model(const char* path, int rows, int cols, char* pattern, int low,
                           float* weights);
 

@@ -155,7 +155,7 @@ void deliver_history(Vad& vad) {
 void train(Vad& vad, int mean) {
     vad.noise_level = wrapped_sum(vad.noise_level, mean);
     ++vad.frame_count;
-    if (vad.frame_count == vad.noise_frames) {
+    if (vad.frame_count == vad.noise_frames && vad.frame_count != 0) {
         // One more than the mean: digital silence must not make every later frame loud.
         const double average = static_cast<double>(vad.noise_level) / vad.frame_count;
         vad.noise_level = wrapped_sum(static_cast<int>(average), 1);

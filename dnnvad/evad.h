@@ -82,7 +82,8 @@ public:
     // max_frame_len * (start_frames + pre_frames) samples of history, twice that for output. Nothing
     // else is touched (counts and heads neither): call free next. Returns 0. Throws
     // std::bad_array_new_length when a size is negative or beyond 32 bits and std::bad_alloc when
-    // memory is short; the object then has no complete set of rings, and vad_detect answers -3.
+    // memory is short; the object then has no complete set of rings, and vad_detect answers -3
+    // (or an error that it looks for first).
     int init(int frame_len);
     int init(int frame_len, int pre);
     int init(int start, int end, int pre, int frame_len);
@@ -97,7 +98,8 @@ public:
     //   -2  n is greater than max_frame_len
     //   -3  the rings are missing (no init, or after exit)
     // A failure sets `out` to 0 and data_ready to false and changes nothing else.
-    // May throw as init does when a ring has to grow; steady streams that are read do not grow any.
+    // May throw as init does when a ring has to grow; steady streams that are read do not grow any,
+    // but once when frames are of full length.
     int vad_detect(const short* samples, int n, int& out);
 
     // vad_detect, answering with `state`, or with 5 ("INVALID") when it failed.
@@ -105,7 +107,7 @@ public:
 
     // Moves up to n waiting samples, oldest first, to `destination` (the caller's, room for n).
     // Returns the number moved: 0 when the last vad_detect failed, when there was none yet and when
-    // the ring is missing; -1 when n is negative.
+    // the ring or the destination is missing; -1 when n is negative.
     int vad_get_data(short* destination, int n);
 
     // Starts a new stream: clears what is marked [stream] and takes any ring that is missing, sized

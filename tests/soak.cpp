@@ -197,7 +197,7 @@ void run(const std::string& model, const std::string& recording, double hours, b
             host.push(silence, 80, nullptr)) {
             fail(model + ": refused too early, or not for good");
         }
-        Host other(model, speech, true);
+        Host other(model, speech, resets);
         if (host.test_phrase() != other.test_phrase()) {
             fail(model + ": a reset after the limit does not make a fresh session");
         }

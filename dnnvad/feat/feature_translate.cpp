@@ -211,12 +211,11 @@ int ConcatFeatureTranslator::read(float* out, int dim) {
 }
 
 void ConcatFeatureTranslator::reset() {
-    if (state == kFailed) {
-        return;
+    if (state != kFailed) {
+        std::fill_n(feature, dstDim, 0.0F);
+        spareCount = 0;
+        framesSeen = 0;
     }
-    std::fill_n(feature, dstDim, 0.0F);
-    spareCount = 0;
-    framesSeen = 0;
     FeatureTranslator::reset();
 }
 

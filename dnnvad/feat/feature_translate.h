@@ -42,8 +42,8 @@ public:
     // Copies the result of the chain's end to out and returns its length; -1 unless dim is that
     // length.
     virtual int read(float* out, int dim);
-    // Copies this stage's spectrum of the last frame to out and returns fftDim; -1 unless dim is
-    // fftDim or when there is no spectrum. Not forwarded: ask the head.
+    // Copies this stage's spectrum of the last frame to out and returns fftDim (0: the stage has
+    // none); -1 unless dim is fftDim. Not forwarded: ask the head.
     virtual int read_fft(float* out, int dim);
     virtual int get_fft_dim();
     // The stage's own buffer, overwritten by the next translate.
