@@ -21,7 +21,8 @@ constexpr double kBinHertz = 31.25;
 constexpr long long kMaxInt = std::numeric_limits<int>::max();
 // Parameters that the library counts and, as floats, the processor can address.
 constexpr long long kMostParameters = std::min<long long>(kMaxInt, PTRDIFF_MAX / 4);
-constexpr std::size_t kDoubts = 5;  // numbers that are none are not told without end
+constexpr int kMostClaimed = 1 << 16;  // features, layers, and missing parameters that it takes
+constexpr std::size_t kDoubts = 5;     // numbers that are none are not told without end
 
 class File {
 public:
@@ -141,8 +142,8 @@ ordered_json describe_model(const std::string& path) {
     const bool wide = dimension == kWideFeatures;
     const int used = wide ? kWideFeatures : kNarrowFeatures;
     file.line("a line end after the five header words");
-    if (dimension < kNarrowFeatures) {
-        file.fail(header, "a feature dimension of 26 or more (40: 16 kHz)", found(dimension));
+    if (dimension < kNarrowFeatures || dimension > kMostClaimed) {
+        file.fail(header, "a feature dimension of 26 to 65536 (40: 16 kHz)", found(dimension));
     }
     if (wide && rate != 8000 && rate != 16000) {
         file.fail(header + 4, "a sample rate of 8000 or 16000", found(rate));
@@ -158,8 +159,8 @@ ordered_json describe_model(const std::string& path) {
 
     const long table = file.at();
     const int layers = file.word("the number of layers (32-bit integer)");
-    if (layers <= 0) {
-        file.fail(table, "a number of layers above 0", found(layers));
+    if (layers <= 0 || layers > kMostClaimed) {
+        file.fail(table, "a number of layers from 1 to 65536", found(layers));
     }
     std::vector<long long> sizes;
     long long needed = 0, products = 0;
@@ -179,10 +180,14 @@ ordered_json describe_model(const std::string& path) {
             products += inputs * sizes.back();
             needed += (inputs + 1) * sizes.back();
         }
-        if (needed > kMostParameters) {
-            file.fail(where, format("a layer that keeps the parameters to %lld", kMostParameters),
+        const long long most = std::min(kMostParameters, count + kMostClaimed);
+        if (needed > most) {
+            file.fail(where, format("a layer that keeps the parameters to %lld", most),
                       found(sizes.back()));
         }
+    }
+    if (sizes[0] > std::min(needed, count) + kMostClaimed) {
+        file.fail(table + 4, "an input that has parameters", found(sizes[0]));
     }
     Range weights;
     std::vector<float> block(4096);

@@ -1,5 +1,7 @@
 #include "dnnvad/bleep_detect.h"
 
+#include <sys/stat.h>
+
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +13,9 @@ namespace {
 
 // A spectrogram that spans less than this is nearly flat: the margin shrinks with the span.
 constexpr float kFullRange = 60.0F;
+
+// fscanf takes as much memory as its longest number, and time for all white space.
+constexpr long long kMaxFileBytes = 1 << 22;
 
 struct FileCloser {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -87,7 +92,9 @@ int BleepDetector::load_dector_model(const char* path, int rows, int cols, char*
                                      float* weights) {
     const std::unique_ptr<std::FILE, FileCloser> file(path != nullptr ? std::fopen(path, "rt")
                                                                       : nullptr);
-    if (file == nullptr) {
+    struct stat status;
+    if (file == nullptr || fstat(fileno(file.get()), &status) != 0 ||
+        (S_ISREG(status.st_mode) && status.st_size > kMaxFileBytes)) {
         return -1;
     }
     const long long cells = static_cast<long long>(rows) * cols;

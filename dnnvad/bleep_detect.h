@@ -25,8 +25,8 @@ public:
     //   pattern  room for rows * cols values
     //   low      first used column + 1; when it exceeds cols, no weights are read
     //   weights  room for cols - low + 1 values
-    // Returns 0, or -1 when the path is null, the file cannot be opened, a template value is no
-    // number or the file ends before the last weight; the buffers may then be partly written.
+    // Returns 0, or -1 when the path is null, the file cannot be opened or exceeds 4 MB, a template value
+    // is no number or the file ends before the last weight; the buffers may then be partly written.
     // Kept from the format's first reader: a file that ends within the template repeats its last
     // value (-1 at first) over the remaining cells, which shows only when weights are read; and a
     // weight that is no number leaves that one and all later weights as they were, without an error

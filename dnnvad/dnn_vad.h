@@ -104,8 +104,9 @@ struct cfg_vad_t {
 // key the last line counts; integers beyond 32 bits saturate. Lines are read in pieces of at most
 // 1023 characters. File names are one token without white space.
 //
-// Returns 0, or -1 with a line on standard output when the file cannot be opened (`cfg` is then left
-// as it was). The library never calls it: a host hands the values to CMFE::mfeSetParam itself.
+// Returns 0, or -1 with a line on standard output when the file cannot be opened or read or has more
+// than 65536 lines (`cfg` is then left as it was). The library never calls it: a host hands the values
+// to CMFE::mfeSetParam itself.
 DNNVAD_API int readcfg(const char* path, cfg_vad_t* cfg);
 
 // One detection session on one audio stream. It owns every component and buffer it creates, from

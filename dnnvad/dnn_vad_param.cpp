@@ -17,6 +17,7 @@ namespace {
 // ---- Configuration file ---------------------------------------------------------------------------
 
 constexpr int kLineBytes = 1024;
+constexpr int kMaxLines = 1 << 16;  // what has more is no configuration, and may have no end
 constexpr std::size_t kNameBytes = sizeof(cfg_vad_t::dnn_file);
 
 struct FloatKey {
@@ -104,13 +105,19 @@ int readcfg(const char* path, cfg_vad_t* cfg) {
         VAD_ERROR("can't open %s\n\n", path != nullptr ? path : "(null)");
         return -1;
     }
-    *cfg = cfg_vad_t{};
+    cfg_vad_t read{};
     char line[kLineBytes];
-    while (std::fgets(line, sizeof line, file.get()) != nullptr) {
+    int lines = 0;
+    for (; lines <= kMaxLines && std::fgets(line, sizeof line, file.get()) != nullptr; ++lines) {
         if (line[0] != '#') {
-            read_setting(line, *cfg);
+            read_setting(line, read);
         }
     }
+    if (lines > kMaxLines || std::ferror(file.get()) != 0) {
+        VAD_ERROR("can't read %s\n\n", path);
+        return -1;
+    }
+    *cfg = read;
     return 0;
 }
 

@@ -1,5 +1,7 @@
 #include "dnnvad/vad_nn.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cassert>
 #include <cmath>
@@ -25,6 +27,9 @@ namespace {
 
 constexpr int kLineBytes = 1024;
 constexpr long long kMaxInt = std::numeric_limits<int>::max();
+// Features per frame, and layers, that a network may have; and parameters that its file may lack (they
+// are 0). Far beyond any use, and few enough that what a file claims costs no more than what it holds.
+constexpr int kMaxClaim = 1 << 16;
 
 // A decimal integer at the start of `text`, saturating; `otherwise` when there is none.
 int parse_int(const char* text, int otherwise) {
@@ -33,19 +38,24 @@ int parse_int(const char* text, int otherwise) {
     return end == text ? otherwise : saturate_to_int(value);
 }
 
-// Zeroed aligned floats. Large blocks come untouched from the system wherever its zeroed memory is
-// aligned, so that a huge claim costs no memory until it is used.
 float* zeroed_aligned_floats(std::size_t count) {
-    void* block = std::calloc(std::max<std::size_t>(count, 1), sizeof(float));
-    if (reinterpret_cast<std::uintptr_t>(block) % 16 == 0) {
-        return static_cast<float*>(block);
-    }
-    std::free(block);
-    float* floats = aligned_floats(count);
+    float* const floats = aligned_floats(count);
     if (floats != nullptr) {
-        std::memset(floats, 0, count * sizeof(float));
+        std::fill_n(floats, count, 0.0F);
     }
     return floats;
+}
+
+// The parameters of layers of these sizes; 0 when there are no such layers.
+long long parameters_of(const int* size, int layers) {
+    long long total = 0;
+    for (int k = 0; k + 1 < layers; ++k) {
+        total += (size[k] + 1LL) * size[k + 1];
+        if (size[k] < 0 || size[k + 1] < 0 || total > kMaxInt) {
+            return 0;
+        }
+    }
+    return total;
 }
 
 // ((lane0 + lane1) + (lane2 + lane3)) of each of four rows.
@@ -121,6 +131,14 @@ struct DNN::File {
         value = word;
         return true;
     }
+
+    // Bytes from here to the end; -1 for what has no known size, such as a pipe.
+    long long left() const {
+        struct stat status;
+        const bool known = fstat(fileno(stream.get()), &status) == 0 && S_ISREG(status.st_mode) &&
+                           status.st_size > 0;
+        return known ? static_cast<long long>(status.st_size) - ftello(stream.get()) : -1;
+    }
 };
 
 DNN::DNN(VadConfiger* /*configer*/, const char* path)
@@ -150,7 +168,7 @@ DNN::DNN(VadConfiger* /*configer*/, const char* path)
 bool DNN::load(File& file) {
     if (!read_header(file) || !read_vector(file, "meanvec", "meanVector", _mean_vec) ||
         !read_vector(file, "revvarvec", "revVarVector", _rev_var_vec) || !read_layers(file) ||
-        !allocate_layers()) {
+        !allocate_layers(file)) {
         return false;
     }
     set_network(file.parameters.get(), file.parameter_count);
@@ -202,11 +220,10 @@ bool DNN::read_vector(File& file, const char* token, const char* name, float*& v
         VAD_ERROR("error:%s Dim:%d _feat_dim:%d not equal\n\n", name, dim, _feat_dim);
         return false;
     }
-    // calloc, which refuses a size that overflows (32-bit processors).
-    vector =
-        _feat_dim < 0
-            ? nullptr
-            : static_cast<float*>(std::calloc(static_cast<std::size_t>(_feat_dim), sizeof(float)));
+    if (_feat_dim >= 0 && _feat_dim <= kMaxClaim) {
+        vector =
+            static_cast<float*>(std::calloc(static_cast<std::size_t>(_feat_dim), sizeof(float)));
+    }
     if (vector == nullptr) {
         VAD_ERROR("failed to read %s\n", name);
         return false;
@@ -230,21 +247,36 @@ bool DNN::read_layers(File& file) {
     }
     file.read_word(_layer_number);
     assert(_layer_number > 0);
+    const long long left = file.left();
+    const long long claimed = 4LL * _layer_number + 4LL * file.parameter_count;
+    if (left >= 0 && left < claimed) {
+        VAD_ERROR("corrupted net model file[%s]\n", file.path);
+        return false;
+    }
+    if (_layer_number > kMaxClaim) {
+        VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
+        return false;
+    }
     _layer_size =
         static_cast<int*>(std::calloc(static_cast<std::size_t>(_layer_number), sizeof(int)));
     assert(_layer_size);
     // Sizes beyond the end of the file stay 0; the parameters then are missing too.
     for (int k = 0; k < _layer_number && file.read_word(_layer_size[k]); ++k) {
     }
-    if (std::fread(file.parameters.get(), sizeof(float), count, file.stream.get()) != count) {
+    // Parameters that belong to no layer have to be there, but need not be read.
+    const auto used = static_cast<std::size_t>(parameters_of(_layer_size, _layer_number));
+    const std::size_t wanted = left < 0 ? count : std::min(count, used);
+    if (std::fread(file.parameters.get(), sizeof(float), wanted, file.stream.get()) != wanted) {
         VAD_ERROR("corrupted net model file[%s]\n", file.path);
         return false;
     }
     return true;
 }
 
-bool DNN::allocate_layers() {
+bool DNN::allocate_layers(const File& file) {
     const int transitions = _layer_number - 1;
+    const long long used = parameters_of(_layer_size, _layer_number);
+    const long long limit = std::min<long long>(used, file.parameter_count) + kMaxClaim;
     // One entry more than there are blocks: the destructor walks to the first null.
     for (float*** const table : {&_weights, &_biases}) {
         *table = static_cast<float**>(
@@ -254,7 +286,7 @@ bool DNN::allocate_layers() {
         VAD_ERROR("DNN init memory new failure _layer_number:%d!\n\n", _layer_number);
         return false;
     }
-    if (transitions == 0 && _layer_size[0] < 0) {
+    if (transitions == 0 && (_layer_size[0] < 0 || _layer_size[0] > limit)) {
         VAD_ERROR("DNN init memory new failure maxlayerSize:%d!\n\n", _layer_size[0]);
         return false;
     }
@@ -263,8 +295,8 @@ bool DNN::allocate_layers() {
         const long long inputs = _layer_size[k];
         const long long outputs = _layer_size[k + 1];
         // Both factors are below 2^31, so the product fits; the sum is kept below 2^31 step by step.
-        const bool sane =
-            inputs >= 0 && outputs >= 0 && (total += (inputs + 1) * outputs) <= kMaxInt;
+        const bool sane = inputs >= 0 && inputs <= limit && outputs >= 0 &&
+                          (total += (inputs + 1) * outputs) <= limit;
         if (sane) {
             _max_layer_size = std::max(_max_layer_size, _layer_size[k + 1]);
             _weights[k] = zeroed_aligned_floats(static_cast<std::size_t>(inputs * outputs));

@@ -28,7 +28,8 @@ public:
     // line on standard output the reason of a failure. Three malformations end the process with an
     // assertion: a parameter count or a layer count that is not positive, and a layer table that
     // cannot be allocated. A parameter count that disagrees with the layers is only a warning, and
-    // parameters that are missing for that reason are 0.
+    // parameters that are missing for that reason are 0, up to 65536 of them. More features or layers
+    // than 65536 are refused as if there were no memory for them.
     DNN(VadConfiger* configer, const char* path);
     ~DNN();
     DNN(const DNN&) = delete;
@@ -84,7 +85,7 @@ private:
     DNNVAD_LOCAL bool read_header(File& file);
     DNNVAD_LOCAL bool read_vector(File& file, const char* token, const char* name, float*& vector);
     DNNVAD_LOCAL bool read_layers(File& file);
-    DNNVAD_LOCAL bool allocate_layers();
+    DNNVAD_LOCAL bool allocate_layers(const File& file);
     DNNVAD_LOCAL int copy_parameters(const float* params, int param_num);
 };
 

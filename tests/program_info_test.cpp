@@ -112,7 +112,7 @@ TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
         change(model);
         contents.push_back(model.bytes());
     };
-    for (const int dimension : {-1, 0, 25, 40, 2000000000}) {
+    for (const int dimension : {-1, 0, 25, 40, 65537, 2000000000}) {
         with([&](test::Model& m) { m.header[0] = dimension; });
     }
     for (const char* line :
@@ -125,6 +125,7 @@ TEST(Info, RefusesWhatTheLibraryRefusesAndDescribesTheRest) {
     for (const int size : {0, -1, 53, 26, 2147483647}) {
         with([&](test::Model& m) { m.sizes[0] = size; });
         with([&](test::Model& m) { m.sizes[2] = size; });
+        with([&](test::Model& m) { m.sizes = {size}; });
     }
     with([](test::Model& m) { m.rev_var_line = "meanvec 26\n"; });
     with([](test::Model& m) { m.mean_line = "  meanvec\t+26 and more\n"; });
