@@ -1,5 +1,5 @@
 // Every allocation of construction and initialisation fails once in turn: a stated error or assertion, no
-// leak, no crash, and the same session can be initialised again.
+// leak, no crash, and the same session can be initialised again. What could not be had is named.
 //
 // The library's calls of malloc and its relatives come here through the linker (--wrap), `new` through the
 // replaceable operators. Each failure happens in a child process, which an assertion may end.
@@ -13,8 +13,10 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "dnnvad/dnn_vad.h"
+#include "dnnvad/feat/signal_process.h"
 
 namespace {
 
@@ -72,7 +74,7 @@ constexpr int kNoMemory = -107, kComponentFailed = -120, kUnexpected = 100;
 // What an initialisation whose allocation number `number` fails does. Ends the process.
 [[noreturn]] void initialise_once(const std::string& model, const std::string& bleep, int number) {
     const long long before = living;
-    int status = 0;
+    int status = 0;  // 3: initialised all the same
     {
         counting = true;
         failing = number;
@@ -88,7 +90,7 @@ constexpr int kNoMemory = -107, kComponentFailed = -120, kUnexpected = 100;
         if (!failed) {
             _exit(error == 0 ? 2 : kUnexpected);  // there are no more
         }
-        // A failed allocation that costs nothing but a line is no error: what is not needed yet.
+        status = error == 0 ? 3 : 0;
         if (error != 0 && error != kNoMemory && error != kComponentFailed) {
             status = kUnexpected + 1;
         }
@@ -116,15 +118,18 @@ class Allocation : public testing::TestWithParam<const char*> {};
 
 TEST_P(Allocation, FailsCleanly) {
     const std::string rate = GetParam(), models = DNNVAD_SOURCE_DIR "/models/";
-    int stated = 0, assertions = 0;
+    int stated = 0, assertions = 0, harmless = 0;
+    std::string named, blocks;
     for (int number = 0;; ++number) {
         ASSERT_LT(number, 1000);
         int ends[2];
         ASSERT_EQ(pipe(ends), 0);
+        std::fflush(stdout);
         const pid_t child = fork();
         if (child == 0) {
             dup2(ends[1], STDERR_FILENO);
-            std::freopen("/dev/null", "w", stdout) == nullptr ? _exit(99) : void();
+            dup2(ends[1], STDOUT_FILENO);
+            std::setvbuf(stdout, nullptr, _IONBF, 0);
             initialise_once(models + "vad" + rate + ".bin", models + "bleep" + rate + ".txt",
                             number);
         }
@@ -135,13 +140,20 @@ TEST_P(Allocation, FailsCleanly) {
             said.append(text, static_cast<std::size_t>(got));
         }
         close(ends[0]);
+        const std::size_t name = said.find("]_m_p_"), size = said.find(" malloc[");
+        if (name < size && size != said.npos) {
+            named += said.substr(name + 6, said.find('\n') - name - 5);
+        }
         int how;
         waitpid(child, &how, 0);
         if (WIFEXITED(how) && WEXITSTATUS(how) == 2) {
             break;
         }
         if (WIFEXITED(how)) {
-            EXPECT_LE(WEXITSTATUS(how), 1) << "allocation " << number << "\n" << said;
+            const bool went_on = WEXITSTATUS(how) == 3;
+            harmless += went_on;
+            EXPECT_TRUE(went_on || WEXITSTATUS(how) <= 1) << "allocation " << number << "\n"
+                                                          << said;
             ++stated;
             continue;
         }
@@ -158,6 +170,48 @@ TEST_P(Allocation, FailsCleanly) {
     }
     EXPECT_GT(stated, 40);
     EXPECT_GT(assertions, 4);
+    if (sizeof(void*) < 8) {
+        return;  // how many allocations an aligned block takes depends on where it comes to lie
+    }
+    EXPECT_EQ(harmless, 2);  // without its spectrum or its last stage a session goes on: kept
+    // Printed sizes are bytes; twice those of the last two, and those of 16 kHz for the input ring: kept.
+    const int wide = rate == "16k", bins = wide ? 256 : 128;
+    const std::pair<const char*, int> sizes[] = {{"frame_state", 500},
+                                                 {"data", 160000},
+                                                 {"data8k", 80000},
+                                                 {"data", wide * 160000},  // for the model's layout
+                                                 {"dst_nn", 36},
+                                                 {"frame_samples", wide ? 1600 : 800},
+                                                 {"dst_feature", wide ? 2720 : 1768},
+                                                 {"spec_log_buff", 12 * bins},
+                                                 {"spec_log_smooth_cur_frame", 4 * bins},
+                                                 {"spec_log_smooth", 480 * bins},
+                                                 {"spec_binary", 120 * bins},
+                                                 {"spec_pattern", 15 * bins},
+                                                 {"embd", 4 * bins - 16},
+                                                 {"embd_test", 4 * bins - 20},
+                                                 {"short_frame_in", 320},
+                                                 {"short_frame_in", 640}};
+    for (const auto& [name, size] : sizes) {
+        if (size != 0) {
+            blocks += name + (" malloc[" + std::to_string(size)) + "] Failed\n";
+        }
+    }
+    EXPECT_EQ(named, blocks);
+}
+
+TEST(FftTables, AreAllocatedOnceAndReleased) {
+    float x[64] = {}, y[64] = {};
+    long long before = living;
+    tz_dnnvad::fft(64, x, y);
+    tz_dnnvad::fft(-64, x, y);
+    EXPECT_EQ(living - before, 2);
+    for (failing = 0; failing < 2; ++failing) {
+        EXPECT_DEATH((counting = true, tz_dnnvad::fft(32, x, y)), "`sintbl && bitrev'");
+    }
+    before = living;
+    tz_dnnvad::fft(0, nullptr, nullptr);
+    EXPECT_EQ(before - living, 2);
 }
 
 INSTANTIATE_TEST_SUITE_P(Models, Allocation, testing::Values("8k", "16k"));

@@ -44,6 +44,7 @@ TEST(Readcfg, EveryKeyFillsItsField) {
     EXPECT_STREQ(cfg.cmvn_file, "cmvn.txt");
     EXPECT_STREQ(cfg.dnn_file, "net.bin");
     EXPECT_EQ(cfg.spare[0], '\0');
+    EXPECT_EQ(sizeof cfg, 16U * 4 + 512 + 512 + 256);  // without gaps
 }
 
 TEST(Readcfg, WhatCountsAsASetting) {

@@ -1,4 +1,6 @@
 // The driver, its end-point state machine and the segment list, with scripted frame states.
+#include <malloc.h>
+
 #include <algorithm>
 #include <string>
 #include <utility>
@@ -16,7 +18,7 @@ using test::TempFile;
 using Segments = std::vector<std::vector<int>>;
 
 // Stands at the head of the chain and gives the network what the script says about a frame:
-// 'S' speech, '.' silence, '?' that it cannot supply the frame yet.
+// 'S' speech, '.' silence, '?' that it cannot supply the frame yet, '!' that it failed.
 class Script : public FeatureTranslator {
 public:
     Script() : FeatureTranslator(200, 26), spectrum(128, 0.0F) {
@@ -33,6 +35,9 @@ public:
     int read(float* out, int dim) override {
         const auto f = static_cast<std::size_t>(frames.back());
         const char kind = f < text.size() ? text[f] : '.';
+        if (kind == '!') {
+            return -1;
+        }
         std::fill_n(out, dim, 0.0F);
         std::fill_n(out + (kind == 'S' ? 3 : 0), kind == 'S' ? 6 : 3, 10.0F);
         return kind == '?' ? -2 : dim;
@@ -224,6 +229,13 @@ TEST_F(Driver, FramesWithoutAJudgementLeaveTheStatus) {
     EXPECT_EQ(session._m_n_speech_frames, 4);
     session._m_n_status = 9;
     EXPECT_EQ(session.mfeReturnStatus(1), 0);
+    session._m_n_evad_active = 0;
+    mallopt(M_PERTURB, 165);  // fresh memory is zero by luck alone
+    initialise(nullptr);
+    mallopt(M_PERTURB, 0);
+    run("!");  // the network goes on with the features that there are: zeros
+    EXPECT_EQ(session._m_p_dst_nn[0], session._m_p_dst_nn[8]);
+    EXPECT_NEAR(session._m_p_dst_nn[8], 1.0 / 9.0, 1e-6);
 }
 
 TEST_F(Driver, PassesOverManyFrames) {
@@ -237,6 +249,11 @@ TEST_F(Driver, PassesOverManyFrames) {
     EXPECT_EQ(script.frames.back(), 31);
     EXPECT_EQ(session.mfeDNNDetect(), 3);
     EXPECT_EQ(session._m_n_pass_first_frame, 32);
+
+    run(kUtterance + ".......");
+    script.text += "S..";  // begins and ends within a pass: speech stays ended
+    EXPECT_EQ(pass(3), 6);
+    EXPECT_EQ(segments().size(), 1U);
 
     set({{10, 5}});  // the detect start skips whole calls
     EXPECT_EQ(run("......S"), "0000001");

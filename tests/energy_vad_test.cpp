@@ -234,6 +234,27 @@ TEST(EnergyVad, FailuresChangeNothingElse) {
     EXPECT_EQ(take(vad, 1000), Samples());
 }
 
+TEST(EnergyVad, WorksWithItsDefaults) {
+    Vad vad;
+    int waiting = 0;
+    EXPECT_EQ(vad.vad_detect(frame(0, 256).data(), 256, waiting), -3);
+    EXPECT_EQ(vad.vad_detect(frame(0, 257).data(), 257, waiting), -2);
+    vad.free();
+    EXPECT_EQ(vad.hist_size, (1 + 20) * 256);
+    EXPECT_EQ(vad.out_size, 2 * (1 + 20) * 256);
+    train(vad, 100);
+    EXPECT_EQ(vad.frame_count, 10);
+    for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(feed(vad, frame(100)), kSilence);
+    }
+    EXPECT_EQ(feed(vad, frame(122)), kSilenceToSpeech);
+    EXPECT_EQ(vad.out_count, (1 + 20) * 80);
+    for (int i = 1; i < 20; ++i) {
+        EXPECT_EQ(feed(vad, frame(100)), kSpeechToSpeech);
+    }
+    EXPECT_EQ(feed(vad, frame(100)), kSpeechToSilence);
+}
+
 TEST(EnergyVad, SizesThatCannotBeAreRefused) {
     Vad vad;
     EXPECT_THROW(vad.init(-1), std::bad_array_new_length);

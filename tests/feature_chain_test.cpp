@@ -261,6 +261,9 @@ TEST(Chain, CarriesFramesResetsAndStates) {
     EXPECT_EQ(head.getState(), 1);
     EXPECT_EQ(head.translate(first.data(), 200, 0), -1);
     concat.state = 2;
+    cmvn.state = 1;
+    EXPECT_EQ(cmvn.translate(first.data(), 26, 0), -1);
+    cmvn.state = 2;
     head.state = 1;
     EXPECT_EQ(head.getState(), 1);
 }

@@ -1,6 +1,7 @@
 // Model files, good and bad.
 #include <climits>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -86,6 +87,9 @@ TEST(ModelFile, ParameterCountThatDisagreesIsAWarning) {
     fewer.net->set_topology(2, sizes);
     printed([&] { fewer.net->set_network(all.data(), 5); });
     EXPECT_EQ(fewer.net->_biases[0][0], all[4]);
+    std::free(std::exchange(fewer.net->_tmp_buf, nullptr));  // an incomplete network takes nothing
+    EXPECT_EQ(printed([&] { fewer.net->set_network(all.data(), 5); }),
+              kPrefix + "read_param_num[0] != param_num[5]\n");
     fewer.net->set_topology(1, sizes);  // (what it then frees does not depend on this)
 }
 

@@ -53,6 +53,22 @@ std::string init(CMFE& session, const Model& model) {
     return std::to_string(error) + " " + log;
 }
 
+TEST(Session, FieldsThatNoParameterAnswers) {
+    const CMFE s;
+    const std::vector<int> fields = {
+        s._m_n_wait_after_minspeech, s._m_n_max_wait,      s._m_n_max_speech_pause,
+        s._m_n_frame_len_8k,         s._m_n_frame_len_16k, s._m_n_fbank_low,
+        s._m_n_fbank_high,           s._m_n_fbank_dim,     s._m_n_evad_sil_frames,
+        s._m_n_evad_energy,          s._m_n_fft_size,      s._m_n_spec_frames,
+        s._m_n_spec_smooth_frames,   s._m_n_pattern_low,   s._m_n_pattern_frames,
+        s._m_n_max_data_len,         s._m_n_reserved,      s._m_n_flag};
+    EXPECT_EQ(fields, (std::vector<int>{200, 110, 90, 200, 400, 40, 3800, 26, 30, 20000, 128, 120,
+                                        3, 5, 15, 40000, 4, 1}));
+    EXPECT_EQ(s._m_f_bleep_margin, -15.0F);
+    EXPECT_EQ(s._m_f_bleep_threshold, 0.5F);
+    EXPECT_TRUE(s._m_b_vad_enable && s._m_b_speech_only && !s._m_b_16k_model && !s._m_b_data_end);
+}
+
 TEST(Session, FailuresAreNamedAndLeaveARoadBack) {
     CMFE session;
     EXPECT_EQ(printed([&] { EXPECT_EQ(session.mfeInit(""), -1); }),
@@ -110,6 +126,7 @@ TEST(Session, BeforeInitialisationAndAfterExit) {
         session._m_n_samples_in = session._m_n_out_end = session._m_n_cur_frame = 300;
         session._m_n_status = session._m_n_last_status = 1;
         EXPECT_EQ(session.mfeIsSil(0, 1), -109);
+        EXPECT_EQ(session.mfeIsSil(1, 1), 0);  // no frame, so none that was not
         EXPECT_TRUE(take(session, 1000).empty());
         float values[128];
         session.mfeSaveFFT(0, 3, 120, values, values, values, 128);

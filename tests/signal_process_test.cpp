@@ -298,7 +298,9 @@ TEST(FilterBank, Warping) {
     const float lower = 300.0F * 2.0F / 1.8F;
     EXPECT_NEAR(WarpFreq(300, 3000, upper + 0.01F, 0, 4000, 1.25F), 0.8F * upper, 0.1);
     EXPECT_NEAR(WarpFreq(300, 3000, lower - 0.01F, 100, 4000, 1.25F), 0.8F * lower, 0.1);
-    EXPECT_EQ(WarpFreq(300, 3000, 1234.5F, 0, 4000, 1.0F), 1234.5F);
+    for (const float same : {50.0F, 1234.5F, 4100.0F}) {  // cuts at the ends of the band too
+        EXPECT_EQ(WarpFreq(100, 4000, same, 100, 4000, 1.0F), same);
+    }
     // A cut beyond the band bends every centre downwards, the upper edge too: the bins above it
     // feed no channel.
     Bank bank(init_fbank(200, 80, 8000, 10, 100.0F, 3900.0F, 1, 0, 0, 1.25F, 4000.0F, 8000.0F));
