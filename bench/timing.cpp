@@ -1,4 +1,5 @@
-// Times every workload and compares it with one transform of the FFT library.
+// Times every workload and compares it with one transform of the FFT library; then sessions
+// in several threads.
 //
 //     dnnvad_bench [--benchmark_filter=NAME]
 //
@@ -8,7 +9,11 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <ctime>
 #include <map>
+#include <thread>
 
 #include "bench/own_output.h"
 #include "bench/workloads.h"
@@ -57,6 +62,30 @@ void run(benchmark::State& state, const bench::Workload& workload) {
     }
 }
 
+// Frames of so many sessions at once, in a second of the clock and in one of the processors' time; the
+// latter says whether they hinder each other, whatever else runs.
+void print_scaling(std::FILE* out, const bench::Workload& session, int count) {
+    using Clock = std::chrono::steady_clock;
+    std::atomic<int> frames = 0;
+    const std::clock_t spent = std::clock();
+    const Clock::time_point start = Clock::now();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back([&, step = session.prepare()] {
+            for (; Clock::now() - start < std::chrono::seconds(3); frames += session.frames) {
+                step();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::chrono::duration<double> seconds = Clock::now() - start;
+    const double processor = static_cast<double>(std::clock() - spent) / CLOCKS_PER_SEC;
+    std::fprintf(out, "%s, %d threads: %.0f frames/s, %.0f in the processors' time\n", session.name,
+                 count, frames / seconds.count(), frames / processor);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -83,6 +112,9 @@ int main(int argc, char** argv) {
     shortest.print(out);
     for (const std::string& line : bench::memory_report()) {
         std::fprintf(out, "%s\n", line.c_str());
+    }
+    for (const int threads : {1, 2, 8}) {
+        print_scaling(out, bench::workloads()[bench::kBundledSession], threads);
     }
     return 0;
 }

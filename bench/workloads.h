@@ -18,6 +18,7 @@ struct Workload {
 constexpr const char* kYardstick = "FFT library, 256 points";
 
 const std::vector<Workload>& workloads();
+constexpr std::size_t kBundledSession = 13;  // among them: a network like the bundled, 8 kHz
 
 // What one session with a small network or one like the bundled, and with a bleep template, takes, and
 // what a frame allocates, one line each.

@@ -1,71 +1,118 @@
-// Sessions in different threads do not disturb each other.
-#include <random>
+// Sessions in different threads do not disturb each other, and a session may change hands.
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
-#include "model_writer.h"
 #include "test_support.h"
 
 namespace {
 
 using tz_dnnvad::CMFE;
 
-// Everything that a session of `model` answers about a stream of its own, life included.
-std::string stream(const char* model, bool wide, unsigned seed) {
-    CMFE session;
-    session.mfeSetParam(23, 0.1F);
-    session.mfeSetParam(24, 0.1F);
-    session.mfeSetParam(25, 1);
-    EXPECT_EQ(session.mfeInit(model), 0);
-    std::string trace;
-    std::mt19937 generator(seed);
-    const unsigned shift = wide ? 160 : 80;
-    for (unsigned f = 0; f < 300; ++f) {
-        const unsigned level = f / 60 % 2 == 1 ? 8000 + seed : 9;
-        std::vector<short> chunk(shift);
-        for (short& sample : chunk) {
-            sample = static_cast<short>(static_cast<int>(generator() % (2 * level + 1)) -
-                                        static_cast<int>(level));
-        }
-        session.mfeSendData(chunk.data(), static_cast<int>(shift));
-        trace += std::to_string(session.mfeDNNDetect());
-        for (int k = 0; k < session._m_n_nn_dim; ++k) {
-            trace += " " + std::to_string(session._m_p_dst_nn[k]);
-        }
+struct Setup {
+    const char *model, *bleep;
+    int rate;
+    std::vector<std::pair<int, float>> parameters;
+};
+const Setup kSetups[] = {
+    {"models/vad8k.bin", "models/bleep8k.txt", 8000, {}},
+    {"models/vad16k.bin", "models/bleep16k.txt", 16000, {}},
+    {"models/vad8k.bin", nullptr, 16000, {{23, 0.3F}, {25, 1}}},  // input halved, energy gate
+    {"models/vad16k.bin", nullptr, 16000, {{3, 30}, {12, 0}}},
+    {"tests/golden/synth8k.bin", "tests/golden/bleep8k.txt", 8000, {{2, 100}, {8, 9}}},
+    {"tests/golden/synth16k.bin", "tests/golden/bleep16k.txt", 16000, {{25, 1}}},
+    {"models/vad8k.bin", "models/bleep8k.txt", 8000, {{9, 9000}, {6, 5}, {25, 1}}},
+    {"models/vad16k.bin", "models/bleep16k.txt", 16000, {{11, 0}}},
+};
+constexpr std::size_t kSessions = std::size(kSetups);
+
+// The prompt, then people who speak: five seconds.
+std::string sound(int rate) {
+    std::string samples;
+    for (const char* const name : {rate == 8000 ? "prompt-8k" : "prompt-16k",
+                                   rate == 8000 ? "roadsigns-8k" : "stream-16k"}) {
+        std::ifstream file(DNNVAD_SOURCE_DIR "/samples/" + std::string(name) + ".wav",
+                           std::ios::binary);
+        samples.append(std::istreambuf_iterator<char>(file), {});
     }
-    for (const auto& segment : session._m_v_segments) {
-        trace += " " + std::to_string(segment.start) + "-" + std::to_string(segment.end);
-    }
-    return trace;
+    samples.resize(static_cast<std::size_t>(10 * rate));
+    return samples;
 }
 
-TEST(Threads, FourSessionsAtOnceEqualFourInARow) {
-    const test::TempFile narrow(test::loudness_model(26).bytes());
-    const test::TempFile wide(test::loudness_model(40).bytes());
-    const auto run = [&](unsigned i) {
-        return stream(i % 2 == 1 ? wide.path() : narrow.path(), i % 2 == 1, i);
-    };
-    std::vector<std::string> at_once(4), in_a_row;
-    testing::internal::CaptureStdout();
+void create(const Setup& setup, std::unique_ptr<CMFE>& session) {
+    session = std::make_unique<CMFE>();
+    session->mfeSetParam(13, static_cast<float>(setup.rate));
+    for (const auto& [id, value] : setup.parameters) {
+        session->mfeSetParam(id, value);
+    }
+    const std::string folder = DNNVAD_SOURCE_DIR "/", model = folder + setup.model;
+    const std::string bleep = setup.bleep != nullptr ? folder + setup.bleep : "";
+    EXPECT_EQ(session->mfeInit_load_model(model.c_str(), bleep.c_str()), 0);
+}
+
+// Everything that a session answers about its sound: states, scores, audio, statuses and segments.
+void use(const Setup& setup, CMFE& session, std::string& answers) {
+    const std::string samples = sound(setup.rate);
+    const auto bytes = static_cast<std::size_t>(setup.rate / 50);  // of 10 ms
+    std::vector<short> chunk(bytes / 2);
+    std::vector<char> audio(1 << 18);
+    for (std::size_t at = 0; at + bytes <= samples.size(); at += bytes) {
+        std::memcpy(chunk.data(), &samples[at], bytes);
+        session.mfeSendData(chunk.data(), static_cast<int>(chunk.size()));
+        answers += std::to_string(session.mfeDNNDetect());
+        const int ring = session._m_n_buf_frames, latest = session._m_n_cur_frame + ring - 1;
+        answers += static_cast<char>(session._m_p_frame_state[latest % ring]);
+        answers.append(reinterpret_cast<char*>(session._m_p_dst_nn), 9 * sizeof(float));
+        int length = 0;
+        session.mfeGetCallbackData(audio.data(), &length, static_cast<int>(audio.size()));
+        answers.append(audio.data(), static_cast<std::size_t>(length));
+    }
+    for (const auto& segment : session._m_v_segments) {
+        answers += " " + std::to_string(segment.start) + "-" + std::to_string(segment.end);
+    }
+}
+
+// What all sessions answer. `each` does something for every one of them.
+std::vector<std::string> all_answers(
+    const std::function<void(const std::function<void(std::size_t)>&)>& each) {
+    std::vector<std::unique_ptr<CMFE>> sessions(kSessions);
+    std::vector<std::string> answers(kSessions);
+    answers.push_back(test::printed([&] {
+        each([&](std::size_t i) { create(kSetups[i], sessions[i]); });
+        each([&](std::size_t i) { use(kSetups[i], *sessions[i], answers[i]); });
+        each([&](std::size_t i) { sessions[i].reset(); });
+    }));
+    return answers;
+}
+
+TEST(Threads, EightSessionsAtOnceEqualEightInARow) {
     // First, so that whatever is made once per process is made by all of them together.
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < 4; ++i) {
-        threads.emplace_back([&, i] { at_once[i] = run(i); });
+    std::vector<std::string> at_once = all_answers([](const auto& work) {
+        std::vector<std::thread> threads;
+        for (std::size_t i = 0; i < kSessions; ++i) {
+            threads.emplace_back(work, i);
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    });
+    std::vector<std::string> in_a_row = all_answers([](const auto& work) {
+        for (std::size_t i = 0; i < kSessions; ++i) {
+            work(i);
+        }
+    });
+    EXPECT_NE(at_once.back().find("we have detect didi"), std::string::npos);
+    EXPECT_EQ(at_once.back().size(), in_a_row.back().size());  // in another order
+    for (std::size_t i = 0; i < kSessions; ++i) {
+        EXPECT_TRUE(at_once[i] == in_a_row[i]) << i;
+        EXPECT_TRUE(i == 7 || at_once[i].rfind('-') + 9 > at_once[i].size()) << "no speech found";
+        EXPECT_NE(at_once[i], at_once[(i + 1) % kSessions]);
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    for (unsigned i = 0; i < 4; ++i) {
-        in_a_row.push_back(run(i));
-    }
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(at_once, in_a_row);
-    for (const std::string& trace : in_a_row) {
-        EXPECT_NE(trace.find("-"), std::string::npos) << "no speech found";
-    }
-    EXPECT_NE(in_a_row[0], in_a_row[2]);
 }
 
 }  // namespace
