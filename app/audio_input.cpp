@@ -1,8 +1,6 @@
 #include "audio_input.h"
 
 #include <fcntl.h>
-#include <sndfile.h>
-#include <soxr.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,25 +11,24 @@
 #include <cstdint>
 #include <cstring>
 
-#include "program.h"
-
 namespace {
 
 constexpr float kFullScale = 32768.0F;
 constexpr std::size_t kBlock =
     160;  // frames read at once: what is spoken into a pipe is not delayed
-constexpr sf_count_t kMostFrames = sf_count_t{1} << 48;
+constexpr sf_count_t kMostFrames = 1000000000000000;  // what claims more does not know
 constexpr int kLeastRate = 1000, kMostRate = 384000;  // Hz
 
-using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
-
-// By descriptor if there is one; but some formats are known by the file's name alone.
+// By descriptor, which is closed with it unless it is standard input, or by name if there is none: some
+// formats are known by the file's name alone.
 SoundFile open_sound(const std::string& path, int mode, SF_INFO& info, int descriptor = -1) {
     const SF_INFO wanted = info;
-    SoundFile file(descriptor < 0 ? nullptr : sf_open_fd(descriptor, mode, &info, SF_FALSE),
-                   sf_close);
-    if (file == nullptr && descriptor != STDIN_FILENO &&
-        (descriptor < 0 || lseek(descriptor, 0, SEEK_SET) == 0)) {
+    const bool named =
+        descriptor < 0 || (descriptor != STDIN_FILENO && lseek(descriptor, 0, SEEK_CUR) >= 0);
+    SoundFile file(
+        descriptor < 0 ? nullptr : sf_open_fd(descriptor, mode, &info, descriptor != STDIN_FILENO),
+        sf_close);
+    if (file == nullptr && named) {
         info = wanted;
         file.reset(sf_open(path.c_str(), mode, &info));
     }
@@ -59,126 +56,97 @@ void add_audio_options(CLI::App& command, AudioOptions& options) {
         ->check(CLI::Range(1, 1024));
 }
 
-struct AudioInput::File {
-    std::string path;
-    int descriptor = STDIN_FILENO;
-    SF_INFO info{};
-    SoundFile sound{nullptr, sf_close};
-    int channel;
-    std::vector<float> block;
-    sf_count_t heard = 0;     // frames
-    sf_count_t promised = 0;  // frames, by the header; 0 if it is known not to know
-    bool open_ended = false;  // it is, and that of a file
-
-    ~File() {
-        if (descriptor > STDIN_FILENO) {
-            close(descriptor);
-        }
-    }
-    void look_behind_header(sf_count_t size);
-};
-
 // Recorders that stream, or were cut off, leave WAV files with a wrong length or none: 0, or (nearly) all
 // that 31 or 32 bits hold. What follows the header then is audio, unless it looks like a chunk.
-void AudioInput::File::look_behind_header(sf_count_t size) {
-    const int coding = info.format & SF_FORMAT_SUBMASK,
-              container = info.format & ~SF_FORMAT_SUBMASK;
+void AudioInput::look_behind_header(sf_count_t size) {
+    const int coding = info_.format & SF_FORMAT_SUBMASK, container = info_.format - coding;
     const bool large = container == SF_FORMAT_RF64;
-    sf_count_t begin = lseek(descriptor, 0, SEEK_CUR);  // of the audio; -1: a pipe
-    promised = begin >= 0 && info.frames < kMostFrames ? info.frames : 0;
+    sf_count_t begin = lseek(descriptor_, 0, SEEK_CUR);  // of the audio; -1: a pipe
+    promised_ = begin < 0 || info_.frames > kMostFrames ? 0 : static_cast<double>(info_.frames);
     if (coding > SF_FORMAT_ALAW ||
         (container != SF_FORMAT_WAV && container != SF_FORMAT_WAVEX && (!large || begin < 0))) {
         return;
     }
-    const sf_count_t width = sf_current_byterate(sound.get()) / info.samplerate;  // of a frame
-    sf_count_t claimed = info.frames * width;                                     // bytes
+    const sf_count_t width = sf_current_byterate(sound_.get()) / info_.samplerate;  // of a frame
+    sf_count_t claimed = info_.frames * width;                                      // bytes
     std::uint32_t next[2] = {};
     const char* const name = reinterpret_cast<const char*>(next);
     bool more = false;  // than libsndfile would read
     if (begin >= 0) {
         const sf_count_t end = begin + claimed + claimed % 2, rest = size - end;
-        more = rest >= 8 + width && pread(descriptor, next, 8, end) == 8 &&
+        more = rest >= 8 + width && pread(descriptor_, next, 8, end) == 8 &&
                (next[1] > rest ||
                 !std::all_of(name, name + 4, [](char c) { return c >= ' ' && c <= '~'; }));
-        more = pread(descriptor, &(claimed = 0), large ? 8 : 4, large ? 28 : begin - 4) > 0 && more;
+        more =
+            pread(descriptor_, &(claimed = 0), large ? 8 : 4, large ? 28 : begin - 4) > 0 && more;
     }
     const bool unknown = more || ((claimed + 0x10000) & 0x7fffffff) <= 0x10000;
-    promised = unknown ? 0 : claimed / width;
-    open_ended = unknown && begin >= 0;
+    promised_ = unknown ? 0 : static_cast<double>(claimed / width);
+    open_ended_ = unknown && begin >= 0;
     if (more || (unknown && begin < 0)) {
-        info = {0, info.samplerate, info.channels, SF_FORMAT_RAW | SF_ENDIAN_LITTLE | coding, 0, 0};
-        lseek(descriptor, 0, SEEK_SET);  // (a pipe stays where it is)
-        sound = open_sound(path, SFM_READ, info, descriptor);
+        lseek(descriptor_, 0, SEEK_SET);  // (a pipe stays where it is)
+        info_ = {0, rate(), info_.channels, SF_FORMAT_RAW | SF_ENDIAN_LITTLE | coding, 0, 0};
+        sound_ = open_sound(path_, SFM_READ, info_,
+                            descriptor_ == STDIN_FILENO ? STDIN_FILENO : dup(descriptor_));
         if (begin >= 0) {
-            sf_command(sound.get(), SFC_SET_RAW_START_OFFSET, &begin, sizeof begin);
-            sf_seek(sound.get(), 0, SEEK_SET);
+            sf_command(sound_.get(), SFC_SET_RAW_START_OFFSET, &begin, sizeof begin);
+            sf_seek(sound_.get(), 0, SEEK_SET);
         }
     }
 }
 
 AudioInput::AudioInput(const std::string& path, const AudioOptions& options)
-    : file_(std::make_unique<File>()) {
+    : path_(path == "-" ? "standard input" : path),
+      descriptor_(STDIN_FILENO),
+      channel_(options.channel) {
     struct stat about {};
-    file_->path = path == "-" ? "standard input" : path;
-    if (path != "-") {
-        file_->descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    }
-    if (fstat(file_->descriptor, &about) == 0 && !S_ISFIFO(about.st_mode) &&
-        (S_ISDIR(about.st_mode) || (S_ISREG(about.st_mode) && about.st_size == 0))) {
-        throw Failure(file_->path, S_ISDIR(about.st_mode) ? "is a folder" : "is empty");
+    path == "-" ? fstat(STDIN_FILENO, &about) : stat(path.c_str(), &about);
+    if (S_ISDIR(about.st_mode) || (S_ISREG(about.st_mode) && about.st_size == 0)) {
+        throw Failure(path_, S_ISDIR(about.st_mode) ? "is a folder" : "is empty");
     }
     if (options.raw_rate > 0) {
-        file_->info = {
-            0, options.raw_rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0, 0};
+        info_ = {0, options.raw_rate, 1, SF_FORMAT_RAW | SF_FORMAT_PCM_16 | SF_ENDIAN_LITTLE, 0, 0};
     }
-    file_->sound = open_sound(file_->path, SFM_READ, file_->info, file_->descriptor);
+    if (path != "-") {
+        descriptor_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    sound_ = open_sound(path_, SFM_READ, info_, descriptor_);
     if (rate() < kLeastRate || rate() > kMostRate) {
-        throw Failure(file_->path, format("has a sample rate of %d Hz", rate()));
+        throw Failure(path_, format("has a sample rate of %d Hz", rate()));
     }
-    file_->look_behind_header(about.st_size);
-    file_->channel = options.channel;
-    if (options.channel > file_->info.channels) {
-        throw Failure(file_->path,
-                      format("has %d channels, not %d", file_->info.channels, options.channel));
+    look_behind_header(about.st_size);
+    if (channel_ > info_.channels) {
+        throw Failure(path_, format("has %d channels, not %d", info_.channels, channel_));
     }
 }
 
-AudioInput::~AudioInput() = default;
-
-int AudioInput::rate() const { return file_->info.samplerate; }
-
-double AudioInput::seconds() const {
-    // A pipe's length is unknown, or claimed to be the longest possible.
-    const bool known = file_->info.seekable != 0 && file_->info.frames > 0;
-    return known ? static_cast<double>(file_->info.frames) / rate() : 0.0;
+double AudioInput::share() const {
+    const auto all = static_cast<double>(info_.frames);
+    return info_.seekable != 0 && all > 0 ? std::min(1.0, heard_ / all) : 0.0;
 }
 
 std::size_t AudioInput::read(float* samples, std::size_t count) {
-    const auto channels = static_cast<std::size_t>(file_->info.channels);
-    file_->block.resize(count * channels);
+    const auto channels = static_cast<std::size_t>(info_.channels);
+    block_.resize(count * channels);
     const sf_count_t got =
-        sf_readf_float(file_->sound.get(), file_->block.data(), static_cast<sf_count_t>(count));
-    if (sf_error(file_->sound.get()) != SF_ERR_NO_ERROR) {
-        throw Failure(file_->path, sf_strerror(file_->sound.get()));
+        sf_readf_float(sound_.get(), block_.data(), static_cast<sf_count_t>(count));
+    if (sf_error(sound_.get()) != SF_ERR_NO_ERROR) {
+        throw Failure(path_, sf_strerror(sound_.get()));
     }
     const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
-    file_->heard += static_cast<sf_count_t>(frames);
-    const sf_count_t missing = file_->promised - file_->heard;
-    if (frames < count && stopping == 0 &&
-        (file_->heard == 0 || file_->open_ended || missing > 0)) {
-        const double hertz = rate();
+    heard_ += static_cast<double>(frames);
+    if (frames < count && stopping == 0 && (heard_ == 0 || open_ended_ || heard_ < promised_)) {
         const std::string what =
-            file_->heard == 0   ? "holds no samples"
-            : file_->open_ended ? "its header tells no length, or a wrong one: heard to its end"
-                                : format("ends after %.2f s, %.2f s before it should",
-                                         static_cast<double>(file_->heard) / hertz,
-                                         static_cast<double>(missing) / hertz);
-        std::fprintf(stderr, "dnnvad: warning: %s: %s\n", file_->path.c_str(), what.c_str());
+            heard_ == 0   ? "holds no samples"
+            : open_ended_ ? "its header tells no length, or a wrong one: heard to its end"
+                          : format("ends after %.2f s, %.2f s before it should", heard_ / rate(),
+                                   (promised_ - heard_) / rate());
+        std::fprintf(stderr, "dnnvad: warning: %s: %s\n", path_.c_str(), what.c_str());
     }
     for (std::size_t f = 0; f < frames; ++f) {
-        const float* const all = &file_->block[f * channels];
-        if (file_->channel > 0) {
-            samples[f] = all[file_->channel - 1];
+        const float* const all = &block_[f * channels];
+        if (channel_ > 0) {
+            samples[f] = all[channel_ - 1];
             continue;
         }
         float sum = 0.0F;
@@ -190,91 +158,64 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
     return frames;
 }
 
-struct PcmReader::Converter {
-    explicit Converter(AudioInput& from) : input(from) {}
-
-    AudioInput& input;
-    std::unique_ptr<soxr, void (*)(soxr_t)> resampler{nullptr, soxr_delete};
-    std::vector<float> in, out;                           // a block before and after conversion
-    std::vector<float> piece = std::vector<float>(4096);  // what the converter gives at once
-    std::size_t first = 0;                                // sample of `out` that comes next
-    bool ended = false;
-    double read_seconds = 0;
-    long long clipped = 0;
-
-    // Fills `out`; it stays empty at the end of the input.
-    void fill() {
-        first = 0;
-        out.clear();
-        while (out.empty() && !ended) {
-            in.resize(kBlock);
-            in.resize(input.read(in.data(), kBlock));
-            ended = in.size() < kBlock;
-            read_seconds += static_cast<double>(in.size()) / input.rate();
-            if (resampler == nullptr) {
-                out.swap(in);
-                continue;
-            }
-            convert(in.data(), in.size());
-            if (ended) {
-                drain();
-            }
-        }
-    }
-
-    void convert(const float* samples, std::size_t count) {
-        std::size_t done = 0, produced = 0;
-        do {
-            std::size_t used = 0;
-            soxr_process(resampler.get(), samples == nullptr ? nullptr : samples + done,
-                         count - done, &used, piece.data(), piece.size(), &produced);
-            done += used;
-            out.insert(out.end(), piece.begin(),
-                       piece.begin() + static_cast<std::ptrdiff_t>(produced));
-        } while (done < count || produced == piece.size());
-    }
-
-    void drain() { convert(nullptr, 0); }
-};
-
-PcmReader::PcmReader(AudioInput& input, int rate) : converter_(new Converter(input)) {
+PcmReader::PcmReader(AudioInput& input, int rate) : input_(input) {
     if (input.rate() != rate) {
         soxr_error_t error = nullptr;
-        converter_->resampler.reset(
-            soxr_create(input.rate(), rate, 1, &error, nullptr, nullptr, nullptr));
+        resampler_.reset(soxr_create(input.rate(), rate, 1, &error, nullptr, nullptr, nullptr));
         if (error != nullptr) {
             throw Failure(format("%d Hz", input.rate()), error);
         }
     }
 }
 
-PcmReader::~PcmReader() = default;
+// Fills `out_`; it stays empty at the end of the input.
+void PcmReader::fill() {
+    first_ = 0;
+    out_.clear();
+    while (out_.empty() && !ended_) {
+        in_.resize(kBlock);
+        in_.resize(input_.read(in_.data(), kBlock));
+        ended_ = in_.size() < kBlock;
+        if (resampler_ == nullptr) {
+            out_.swap(in_);
+            continue;
+        }
+        convert(in_.data(), in_.size());
+        if (ended_) {
+            convert(nullptr, 0);  // what the converter still holds
+        }
+    }
+}
+
+void PcmReader::convert(const float* samples, std::size_t count) {
+    std::size_t done = 0, produced = 0;
+    do {
+        std::size_t used = 0;
+        soxr_process(resampler_.get(), samples == nullptr ? nullptr : samples + done, count - done,
+                     &used, piece_.data(), piece_.size(), &produced);
+        done += used;
+        out_.insert(out_.end(), piece_.begin(),
+                    piece_.begin() + static_cast<std::ptrdiff_t>(produced));
+    } while (done < count || produced == piece_.size());
+}
 
 std::size_t PcmReader::read(short* samples, std::size_t count) {
-    Converter& c = *converter_;
     std::size_t done = 0;
     while (done < count) {
-        if (c.first == c.out.size()) {
-            c.fill();
-            if (c.out.empty()) {
+        if (first_ == out_.size()) {
+            fill();
+            if (out_.empty()) {
                 break;
             }
         }
-        const float scaled = c.out[c.first++] * kFullScale;
+        const float scaled = out_[first_++] * kFullScale;
         // (what is no number becomes silence)
         const float rounded = scaled == scaled ? std::nearbyintf(scaled) : 0.0F;
         const float limited = std::clamp(rounded, -kFullScale, kFullScale - 1.0F);
-        c.clipped += limited != rounded;
+        clipped_ += limited != rounded;
         samples[done++] = static_cast<short>(limited);
     }
     return done;
-}
-
-long long PcmReader::clipped() const { return converter_->clipped; }
-
-double PcmReader::share() const {
-    const double all = converter_->input.seconds();
-    return all > 0 ? std::min(1.0, converter_->read_seconds / all) : 0.0;
 }
 
 std::vector<short> read_recording(const std::string& path, int rate) {
@@ -304,29 +245,20 @@ void write_wav(FILE* stream, const std::vector<short>& samples, int rate) {
     std::fwrite(samples.data(), sizeof(short), samples.size(), stream);
 }
 
-struct WavFile::File {
-    PendingFile pending;
-    SF_INFO info;
-    SoundFile sound;
-};
-
 WavFile::WavFile(const std::string& path, int rate)
-    : file_(new File{PendingFile(path), {}, {nullptr, sf_close}}) {
-    file_->info = {0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
-    file_->sound = open_sound(file_->pending.path(), SFM_WRITE, file_->info);
+    : pending_(path), info_{0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0} {
+    sound_ = open_sound(pending_.path(), SFM_WRITE, info_);
 }
 
-WavFile::~WavFile() = default;
-
 void WavFile::write(const short* samples, int count) {
-    if (sf_write_short(file_->sound.get(), samples, count) != count) {
-        throw Failure(file_->pending.name(), sf_strerror(file_->sound.get()));
+    if (sf_write_short(sound_.get(), samples, count) != count) {
+        throw Failure(pending_.name(), sf_strerror(sound_.get()));
     }
 }
 
 void WavFile::commit() {
-    if (sf_close(file_->sound.release()) != 0) {
-        throw Failure(file_->pending.name(), "cannot be written");
+    if (sf_close(sound_.release()) != 0) {
+        throw Failure(pending_.name(), std::strerror(errno));
     }
-    file_->pending.commit();
+    pending_.commit();
 }

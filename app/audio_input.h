@@ -2,10 +2,15 @@
 #ifndef DNNVAD_APP_AUDIO_INPUT_H
 #define DNNVAD_APP_AUDIO_INPUT_H
 
+#include <sndfile.h>
+#include <soxr.h>
+
 #include <cstddef>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include "program.h"
 
 namespace CLI {
 class App;
@@ -19,35 +24,51 @@ struct AudioOptions {
 // Adds --raw and --channel to a command.
 void add_audio_options(CLI::App& command, AudioOptions& options);
 
+using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
+
 // Any file that libsndfile reads, or standard input ("-"), read from front to end, a block at a time.
+// Warns at the end of one that holds less than it should, or whose header was no help.
 class AudioInput {
 public:
     AudioInput(const std::string& path, const AudioOptions& options);  // throws Failure
-    ~AudioInput();
 
-    int rate() const;        // Hz, as recorded
-    double seconds() const;  // length; 0 when it is not known, as for a pipe
+    int rate() const { return info_.samplerate; }  // Hz, as recorded
+    double share() const;  // read so far, 0 .. 1; 0 when the length is not known, as of a pipe
     // Up to `count` samples of the one channel, full scale = 1; fewer only at the end. Throws Failure.
     std::size_t read(float* samples, std::size_t count);
 
 private:
-    struct File;
-    std::unique_ptr<File> file_;
+    void look_behind_header(sf_count_t size);
+
+    std::string path_;
+    int descriptor_, channel_;
+    SF_INFO info_{};
+    SoundFile sound_{nullptr, sf_close};
+    std::vector<float> block_;
+    double heard_ = 0,
+           promised_ = 0;      // frames: read, and claimed by the header if that may be right
+    bool open_ended_ = false;  // it may not, and is that of a file
 };
 
 // Converts an input to `rate` Hz and 16 bits. What is beyond full scale is clipped and counted.
 class PcmReader {
 public:
     PcmReader(AudioInput& input, int rate);  // throws Failure
-    ~PcmReader();
 
     std::size_t read(short* samples, std::size_t count);  // fewer than `count` only at the end
-    long long clipped() const;                            // samples so far
-    double share() const;                                 // of the input read, 0 .. 1; 0 if unknown
+    long long clipped() const { return clipped_; }        // samples so far
 
 private:
-    struct Converter;
-    std::unique_ptr<Converter> converter_;
+    void fill();
+    void convert(const float* samples, std::size_t count);
+
+    AudioInput& input_;
+    std::unique_ptr<soxr, void (*)(soxr*)> resampler_{nullptr, soxr_delete};
+    std::vector<float> in_, out_;                          // a block before and after conversion
+    std::vector<float> piece_ = std::vector<float>(4096);  // what the converter gives at once
+    std::size_t first_ = 0;                                // sample of `out_` that comes next
+    bool ended_ = false;
+    long long clipped_ = 0;
 };
 
 // A whole recording, channels averaged. Throws Failure.
@@ -60,13 +81,13 @@ void write_wav(FILE* stream, const std::vector<short>& samples, int rate);
 class WavFile {
 public:
     WavFile(const std::string& path, int rate);  // throws Failure
-    ~WavFile();
     void write(const short* samples, int count);
     void commit();  // throws Failure
 
 private:
-    struct File;
-    std::unique_ptr<File> file_;
+    PendingFile pending_;
+    SF_INFO info_;
+    SoundFile sound_{nullptr, sf_close};
 };
 
 #endif

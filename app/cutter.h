@@ -6,7 +6,6 @@
 #include <string>
 
 #include "audio_input.h"
-#include "listener.h"
 
 namespace CLI {
 class App;
@@ -15,11 +14,12 @@ class App;
 // Adds --cut to a command.
 void add_cut_option(CLI::App& command, std::string& folder);
 
-// Writes FOLDER/NAME-001.wav, -002, ...; a file appears when its utterance has ended.
+// Writes FOLDER/NAME-001.wav, -002, ...; a file appears when its utterance has ended. Without a folder
+// all this does nothing.
 class Cutter {
 public:
     Cutter(std::string folder, std::string name, int rate);  // makes the folder; throws Failure
-    void begin(const Utterance&);
+    void begin();
     void write(const short* samples, int count);
     std::string keep();  // the path of the finished file
     void drop();         // what has begun was no utterance

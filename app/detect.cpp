@@ -31,7 +31,7 @@ std::string stem(const std::string& file) { return fs::path(display_name(file)).
 // Hands what the listener hears to the writer and, if wanted, the audio to files.
 class Reporter : public Watcher {
 public:
-    Reporter(std::string file, SegmentWriter& writer, OutputFile* output, Cutter* cutter,
+    Reporter(std::string file, SegmentWriter& writer, OutputFile* output, Cutter& cutter,
              Progress& progress)
         : file_(std::move(file)),
           writer_(writer),
@@ -39,36 +39,24 @@ public:
           cutter_(cutter),
           progress_(progress) {}
 
-    void began(const Utterance& u) override {
-        if (cutter_ != nullptr) {
-            cutter_->begin(u);
-        }
-    }
-    void audio(const short* samples, int count) override {
-        if (cutter_ != nullptr) {
-            cutter_->write(samples, count);
-        }
-    }
+    void began(const Utterance&) override { cutter_.begin(); }
+    void audio(const short* samples, int count) override { cutter_.write(samples, count); }
     void ended(const Utterance& u) override {
-        const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
+        const std::string cut = cutter_.keep();
         progress_.clear();
         writer_.utterance(file_, u, cut);
-        output_ != nullptr ? output_->flush()
-                           : finish_output();  // results appear as they are decided
+        // Results appear as they are decided.
+        output_ != nullptr ? output_->flush() : finish_output();
         ++count_;
     }
-    void forgotten(const Utterance&, bool) override {
-        if (cutter_ != nullptr) {
-            cutter_->drop();
-        }
-    }
+    void forgotten(const Utterance&, bool) override { cutter_.drop(); }
     int count() const { return count_; }
 
 private:
     std::string file_;
     SegmentWriter& writer_;
     OutputFile* output_;  // null: standard output
-    Cutter* cutter_;
+    Cutter& cutter_;
     Progress& progress_;
     int count_ = 0;
 };
@@ -83,18 +71,15 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
     const auto session = open_session(options.session, input.rate());
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
     PcmReader reader(input, rate);
-    std::unique_ptr<Cutter> cutter;
-    if (!options.cut.empty()) {
-        cutter = std::make_unique<Cutter>(options.cut, stem(file), rate);
-    }
+    Cutter cutter(options.cut, stem(file), rate);
     warn_of_doubts(*session, options.session);
     writer.begin(display_name(file), options.files.size() > 1);
-    Reporter reporter(display_name(file), writer, output, cutter.get(), progress);
+    Reporter reporter(display_name(file), writer, output, cutter, progress);
     Listener listener(*session, reporter);
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
     while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
         listener.push(chunk.data(), static_cast<int>(got));
-        progress.show(display_name(file), reader.share());
+        progress.show(display_name(file), input.share());
     }
     listener.finish();
     writer.end({display_name(file), input.rate(), model_path(options.session, input.rate()),

@@ -15,6 +15,7 @@
 #include "commands.h"
 #include "cutter.h"
 #include "json_text.h"
+#include "listener.h"
 #include "program.h"
 #include "session_options.h"
 
@@ -46,15 +47,13 @@ struct Options {
 // Prints events, keeps audio, and draws the status line if standard error is a terminal.
 class Monitor : public Watcher {
 public:
-    Monitor(const tz_dnnvad::CMFE& session, const Options& options, FILE* stream, Cutter* cutter)
+    Monitor(const tz_dnnvad::CMFE& session, const Options& options, FILE* stream, Cutter& cutter)
         : session_(session), options_(options), stream_(stream), cutter_(cutter) {}
 
     void frame(const Frame& frame) override { frame_ = frame; }
     void began(const Utterance& u) override {
         idle_ = false;
-        if (cutter_ != nullptr) {
-            cutter_->begin(u);
-        }
+        cutter_.begin();
         const long late = std::lround(1000 * (u.decided - u.speech_start));
         say({{"type", "began"},
              {"time", hundredths(u.decided)},
@@ -63,16 +62,14 @@ public:
             format("speech began at %.2f, %ld ms ago", u.speech_start, late));
     }
     void audio(const short* samples, int count) override {
-        if (cutter_ != nullptr) {
-            cutter_->write(samples, count);
-        }
+        cutter_.write(samples, count);
         if (options_.once && utterances_ == 0) {
             audio_.insert(audio_.end(), samples, samples + count);
         }
     }
     void ended(const Utterance& u) override {
         ++utterances_;
-        const std::string cut = cutter_ != nullptr ? cutter_->keep() : "";
+        const std::string cut = cutter_.keep();
         const long late = std::lround(1000 * (u.decided - u.last_speech));
         Json event{{"type", "ended"},
                    {"time", hundredths(u.decided)},
@@ -91,9 +88,7 @@ public:
                           u.start, u.end, u.reason, late, cut.empty() ? "" : "  ", cut.c_str()));
     }
     void forgotten(const Utterance& u, bool prompt) override {
-        if (cutter_ != nullptr) {
-            cutter_->drop();
-        }
+        cutter_.drop();
         audio_.clear();
         const double now = hundredths(u.decided), start = hundredths(u.speech_start);
         say({{"type", "forgotten"}, {"time", now}, {"first_speech", start}, {"prompt", prompt}},
@@ -176,7 +171,7 @@ private:
     const tz_dnnvad::CMFE& session_;
     const Options& options_;
     FILE* stream_;
-    Cutter* cutter_;
+    Cutter& cutter_;
     int utterances_ = 0;
     bool idle_ = false;         // of the time-outs since the last speech only the first one is told
     std::vector<short> audio_;  // of the first utterance
@@ -205,16 +200,13 @@ int run(const Options& options) {
     const auto session = open_session(wanted, options.rate > 0 ? options.rate : kUsualRate);
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
     Capture capture(options.device, rate, stopping);
-    std::unique_ptr<Cutter> cutter;
-    if (!options.cut.empty()) {
-        cutter = std::make_unique<Cutter>(options.cut, cut_name(), rate);
-    }
+    Cutter cutter(options.cut, cut_name(), rate);
     if (options.rate > 0) {
         wanted.set.push_back(format("sample_rate=%d", options.rate));
     }
     warn_of_doubts(*session, wanted);
     const bool audio_out = options.once && isatty(fileno(results())) == 0;
-    Monitor monitor(*session, options, audio_out ? stderr : results(), cutter.get());
+    Monitor monitor(*session, options, audio_out ? stderr : results(), cutter);
     Listener listener(*session, monitor);
     stop_on_signals();
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));

@@ -494,7 +494,7 @@ int run(const Options& options) {
     while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
         story.hear(chunk.data(), got);
         listener.push(chunk.data(), static_cast<int>(got));
-        progress.show(options.file, reader.share());
+        progress.show(options.file, input.share());
     }
     if (story.frames() == 0) {
         throw Failure(options.file, "there is nothing to draw");

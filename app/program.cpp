@@ -31,13 +31,13 @@ extern "C" void remove_unfinished(int signal) {
     std::raise(signal);
 }
 
-struct sigaction usual_action;
-
 extern "C" void request_stop(int signal) {
     const int error = errno;
+    if (stopping != 0) {
+        remove_unfinished(signal);
+    }
     stopping = signal;
     dup2(open("/dev/null", O_RDONLY), STDIN_FILENO);  // (whoever waits for a pipe tries again)
-    sigaction(signal, &usual_action, nullptr);
     errno = error;
 }
 
@@ -60,18 +60,16 @@ void claim_output(const std::string& library_log) {
 FILE* results() { return own_output; }
 
 void flush(FILE* stream, const std::string& name) {
-    errno = 0;
     if (std::fflush(stream) != 0 || std::ferror(stream) != 0) {
-        throw Failure(name, errno != 0 ? std::strerror(errno) : "cannot be written");
+        throw Failure(name, std::strerror(errno));
     }
 }
 
 void prepare_process() {
-    // Opened the wrong way round: a stream that is closed cannot be used either.
-    while (fcntl(STDIN_FILENO, F_GETFD) < 0 || fcntl(STDOUT_FILENO, F_GETFD) < 0 ||
-           fcntl(STDERR_FILENO, F_GETFD) < 0) {
-        open("/dev/null", fcntl(STDIN_FILENO, F_GETFD) < 0 ? O_WRONLY : O_RDONLY);
+    int descriptor = 0;  // (nothing can be written to these)
+    while ((descriptor = open("/dev/null", O_RDONLY)) >= 0 && descriptor <= STDERR_FILENO) {
     }
+    close(descriptor);
     std::signal(SIGXFSZ, SIG_IGN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGABRT}) {
         if (std::signal(signal, remove_unfinished) == SIG_IGN) {
@@ -84,7 +82,7 @@ void stop_on_signals() {
     struct sigaction action {};
     action.sa_handler = request_stop;
     for (const int signal : {SIGINT, SIGTERM}) {
-        sigaction(signal, &action, &usual_action);
+        sigaction(signal, &action, nullptr);
     }
 }
 

@@ -83,7 +83,8 @@ const Parameter& parameter_named(const std::string& name) {
 }
 
 // The number that a text like "60", "600ms" or "0.6s" stands for in the parameter's own unit.
-float parse_value(const Parameter& parameter, const std::string& text, double rate) {
+float parse_value(const Parameter& parameter, const std::string& text, double rate,
+                  const std::string& name = "") {
     // Per unit of the parameter: what one millisecond is.
     const double per_millisecond = parameter.unit == Unit::kFrames    ? 1.0 / kFrameMilliseconds
                                    : parameter.unit == Unit::kSamples ? rate / 1000.0
@@ -100,7 +101,8 @@ float parse_value(const Parameter& parameter, const std::string& text, double ra
                                    : per_millisecond == 0.0
                                        ? "a number that is not negative"
                                        : "a number, or a time such as 600ms or 0.6s";
-        throw UsageError(lower(parameter.name) + " takes " + wanted + ", not '" + text + "'");
+        throw UsageError((name.empty() ? lower(parameter.name) : name) + " takes " + wanted +
+                         ", not '" + text + "'");
     }
     const double value = number * unit->second;
     return static_cast<float>(parameter.unit == Unit::kScore ? value : std::round(value));
@@ -245,14 +247,9 @@ void add_session_options(CLI::App& command, SessionOptions& options) {
 
 void add_margin_option(CLI::App& command, SessionOptions& options) {
     const auto set = [&options](const std::string& margin) {
-        const std::string names[] = {"start_back_frame", "end_back_frame"};
-        for (const std::string& name : names) {
-            try {
-                setting_in_frames(name + '=' + margin);
-            } catch (const UsageError& error) {
-                throw UsageError("--margin" + std::string(error.what()).substr(name.size()));
-            }
-            options.set.insert(options.set.begin(), name + '=' + margin);
+        for (const char* const name : {"start_back_frame=", "end_back_frame="}) {
+            setting_in_frames(name + margin, "--margin");
+            options.set.insert(options.set.begin(), name + margin);
         }
     };
     command
@@ -289,30 +286,32 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     return session;
 }
 
-void warn_of_doubts(CMFE& session, const SessionOptions& options) {
-    const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait,
-              from = session._m_n_detect_start, head = session._m_n_head_sil;
-    const auto start = session.mfeGetParam(23), stop = session.mfeGetParam(24),
-               rate = session.mfeGetParam(kSampleRate);
-    const auto warn = [](bool doubt, const std::string& what) {
+void warn_of_doubts(const CMFE& session, const SessionOptions& options) {
+    const auto warn = [](bool doubt, const char* text, auto left, auto right) {
         if (doubt) {
-            std::fprintf(stderr, "dnnvad: warning: %s\n", what.c_str());
+            std::fprintf(stderr, "dnnvad: warning: %s\n", format(text, left, right).c_str());
         }
     };
-    warn(pause >= wait, format("max_sp_pause (%d frames) is not below max_wait_duration (%d): "
-                               "time-outs will end utterances, not pauses",
-                               pause, wait));
+    const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait;
+    warn(pause >= wait,
+         "max_sp_pause (%d frames) is not below max_wait_duration (%d): time-outs will end "
+         "utterances, not pauses",
+         pause, wait);
+    const int from = session._m_n_detect_start, head = session._m_n_head_sil;
     warn(from > 0 && from >= head,
-         format("detect_start (%d frames) is not below head_sil_duration (%d): the session times "
-                "out and begins anew before it detects",
-                from, head));
-    warn(stop > start, format("dnn_sil_threshold (%g) is above dnn_speech_threshold (%g): scores "
-                              "between them end speech as soon as it starts",
-                              stop, start));
+         "detect_start (%d frames) is not below head_sil_duration (%d): before it there is a "
+         "time-out, and all begins anew",
+         from, head);
+    const double start = session._m_f_speech_threshold, stop = session._m_f_sil_threshold;
+    warn(stop > start,
+         "dnn_sil_threshold (%g) is above dnn_speech_threshold (%g): scores between them end what "
+         "they start",
+         stop, start);
+    const double rate = session._m_n_sample_rate;
     for (const std::string& assignment : options.set) {
         const auto [parameter, text] = split(assignment);
         warn(parameter->id == kSampleRate && parse_value(*parameter, text, 0) != rate,
-             format("the model hears %g Hz: a rate of %s has no effect", rate, text.c_str()));
+             "the model hears %g Hz: a rate of %s has no effect", rate, text.c_str());
     }
 }
 
@@ -344,9 +343,9 @@ std::vector<std::string> changed_parameters(CMFE& session) {
     return changed;
 }
 
-int setting_in_frames(const std::string& assignment) {
+int setting_in_frames(const std::string& assignment, const std::string& name) {
     const auto [parameter, text] = split(assignment);
-    return static_cast<int>(std::min(parse_value(*parameter, text, 0), kMostFrames));
+    return static_cast<int>(std::min(parse_value(*parameter, text, 0, name), kMostFrames));
 }
 
 std::string config_lines(const std::vector<std::string>& set) {

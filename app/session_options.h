@@ -48,14 +48,15 @@ std::unique_ptr<tz_dnnvad::CMFE> open_session(const SessionOptions& options, int
 std::string model_path(const SessionOptions& options, int recording_rate);
 
 // Warns of settings that have no effect, or another than they seem to.
-void warn_of_doubts(tz_dnnvad::CMFE& session, const SessionOptions& options);
+void warn_of_doubts(const tz_dnnvad::CMFE& session, const SessionOptions& options);
 
 // What differs from the library's defaults, a line each: "max_sp_pause 600 ms (default 900 ms)". The
 // rate, which follows from the model, is left out.
 std::vector<std::string> changed_parameters(tz_dnnvad::CMFE& session);
 
-// The frames that a NAME=VALUE with a duration, such as max_sp_pause=600ms, stands for. Throws UsageError.
-int setting_in_frames(const std::string& assignment);
+// The frames that a NAME=VALUE with a duration, such as max_sp_pause=600ms, stands for. Throws UsageError,
+// which calls the setting `name` if that is not "".
+int setting_in_frames(const std::string& assignment, const std::string& name = "");
 
 // A configuration file for the NAME=VALUE settings, PARAM_ lines; those without a key become comments.
 std::string config_lines(const std::vector<std::string>& set);

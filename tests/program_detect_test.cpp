@@ -125,19 +125,25 @@ TEST(Detect, FindsTheSameWhateverTheAudioComesIn) {
 
 TEST(Detect, ConvertsRatesAndCountsWhatIsClipped) {
     const test::TempFile other("");
-    // Played at 48 kHz, 16 kHz audio is six times too fast for speech; so every sample comes thrice.
+    // Played at 48 kHz, 16 kHz audio is three times too fast for speech; so every sample comes thrice.
     std::vector<short> slow;
-    for (const short sample : samples_of(kStream)) {
-        slow.insert(slow.end(), 3, sample);
-    }
-    write_sound(other.path(), slow, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, {0.5F});
-    const std::vector<Line> rows = table(run(std::string("dnnvad detect ") + other.path()).output);
     const std::vector<Line> expected = table(run("dnnvad detect " + kStream).output);
-    ASSERT_EQ(rows.size(), expected.size());
-    for (std::size_t k = 0; k < rows.size(); ++k) {
-        EXPECT_NEAR(rows[k].first, expected[k].first, 0.1);
-        EXPECT_NEAR(rows[k].last, expected[k].last, 0.1);
-        EXPECT_NEAR(rows[k].peak, expected[k].peak - 6.0, 0.7);
+    for (const auto& [times, form, channels] :
+         {std::tuple(6, SF_FORMAT_PCM_24, 8), {3, SF_FORMAT_FLOAT, 1}}) {
+        slow.clear();
+        for (const short sample : samples_of(kStream)) {
+            slow.insert(slow.end(), static_cast<std::size_t>(times), sample);
+        }
+        write_sound(other.path(), slow, times * 16000, SF_FORMAT_WAV | form,
+                    std::vector<float>(static_cast<std::size_t>(channels), 0.5F));
+        const std::vector<Line> rows =
+            table(run(std::string("dnnvad detect ") + other.path()).output);
+        ASSERT_EQ(rows.size(), expected.size());
+        for (std::size_t k = 0; k < rows.size(); ++k) {
+            EXPECT_NEAR(rows[k].first, expected[k].first, 0.1);
+            EXPECT_NEAR(rows[k].last, expected[k].last, 0.1);
+            EXPECT_NEAR(rows[k].peak, expected[k].peak - 6.0, 0.7);
+        }
     }
     write_sound(other.path(), slow, 48000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, {8.0F});
     const std::string told =
@@ -349,8 +355,8 @@ TEST(Detect, SaysWhatIsWrong) {
     }
     EXPECT_EQ(run("dnnvad --help").status, 0);
     for (const std::string& arguments :
-         {text, std::string("/nonexistent.wav"), "--model " + text + " " + kRoadsigns,
-          "--bleep " + text + " " + kRoadsigns,
+         {text, std::string("/nonexistent.wav"), std::string("/"),
+          "--model " + text + " " + kRoadsigns, "--bleep " + text + " " + kRoadsigns,
           "--bleep " + source("models/bleep16k.txt") + " " + kRoadsigns,
           "--config /nonexistent " + kRoadsigns, "-o /nonexistent/x " + kRoadsigns,
           "--cut /dev/null/x " + kRoadsigns,
