@@ -145,9 +145,6 @@ ordered_json describe_model(const std::string& path) {
     if (dimension < kNarrowFeatures || dimension > kMostClaimed) {
         file.fail(header, "a feature dimension of 26 to 65536 (40: 16 kHz)", found(dimension));
     }
-    if (wide && rate != 8000 && rate != 16000) {
-        file.fail(header + 4, "a sample rate of 8000 or 16000", found(rate));
-    }
     const long count_line = file.at();
     const std::string count_text = file.line("a line with the number of parameters");
     const long long count = leading_integer(count_text.c_str(), 0);
@@ -214,6 +211,10 @@ ordered_json describe_model(const std::string& path) {
     if (layers < 2 || sizes.back() != kClasses) {
         doubts.push_back("nine classes are needed: with this network no frame can be speech");
     }
+    const bool odd = wide && rate != 8000 && rate != 16000;
+    if (odd) {
+        doubts.push_back("neither 8000 nor 16000 Hz: this program does not run it");
+    }
     if (!wide && (dimension != kNarrowFeatures || rate != 8000 || low != 40 || high != 3800)) {
         doubts.push_back("without 40 features: sessions run it at 8000 Hz with 26, 40 to 3800 Hz");
     }
@@ -232,7 +233,8 @@ ordered_json describe_model(const std::string& path) {
     out["parameter_range"] = weights.json();
     out["multiply_adds_per_frame"] = products;
     out["doubts"] = doubts;
-    out["whole"] = needed <= count && *std::max_element(sizes.begin(), sizes.end()) <= count;
+    out["whole"] =
+        !odd && needed <= count && *std::max_element(sizes.begin(), sizes.end()) <= count;
     return out;
 }
 

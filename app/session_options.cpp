@@ -275,6 +275,9 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
         throw Failure(model, "there is no memory for this network model");
     }
+    if (const int rate = session->_m_n_sample_rate; rate != 8000 && rate != 16000) {
+        throw Failure(model, format("for %d Hz, neither 8000 nor 16000", rate));
+    }
     if (bleep != nullptr && about.value("bins", 0) != session->_m_n_fft_size) {
         throw Failure(options.bleep, format("no template for models of %s Hz",
                                             session->_m_b_16k_model ? "16000" : "8000"));
