@@ -8,7 +8,7 @@
 #   make quality            measure the models beside other detectors; report in build/quality (downloads
 #                           the same recordings)
 #   make soak               three days of audio through one session for each rate
-#   make answers            the answers of all builds to hours of audio (downloads it as quality does)
+#   make answers            the answers of all builds to two hours of audio (downloads it as quality does)
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
@@ -66,7 +66,7 @@ answers:
 	    cmake --preset $$preset --log-level=WARNING >/dev/null && \
 	    cmake --build --preset $$preset --target answers || exit 1; \
 	done
-	@$(PYTHON) tests/answers.py build/training/heldout8.s16 build/training/heldout.s16 \
+	@$(PYTHON) tests/answers.py 1 build/training/heldout8.s16 build/training/heldout.s16 \
 	    $(addprefix build/,$(ANSWER_PRESETS))
 
 deb:

@@ -1,11 +1,13 @@
 """The same answer everywhere: bundled models over hours of audio, one build against the others.
 
-    python3 tests/answers.py SAMPLES-8K SAMPLES-16K BUILD ...
+    python3 tests/answers.py HOURS SAMPLES-8K SAMPLES-16K BUILD ...
 
-SAMPLES are raw 16-bit PCM (build/training/heldout8.s16 and heldout.s16 of `make quality`); BUILD are
-folders of presets, the first one the reference. Says how many frames have another state or status,
+SAMPLES are raw 16-bit PCM (build/training/heldout8.s16 and heldout.s16 of `make quality`), of which
+HOURS in minutes spread evenly are taken for each rate; BUILD are folders of presets, the first one the
+reference. An hour takes an emulated processor some ten minutes for each rate. Says how many frames have another state or status,
 how far the score of those is from the threshold, and whether utterances and audio differ.
 """
+import concurrent.futures
 import os
 import subprocess
 import sys
@@ -20,13 +22,20 @@ FRAME = np.dtype([("state", "u1"), ("status", "u1"), ("score", "<f4")])
 UTTERANCE = np.dtype([("mark", "u1"), ("frames", "<i4", 4), ("digest", "<u8")])
 
 
+def spread_minutes(path, rate, hours):
+    """Minutes of the recording, evenly spread, that make up so many hours, as bytes."""
+    minutes = np.memmap(path, np.int16, "r")
+    minutes = minutes[:len(minutes) // (60000 * rate) * 60000 * rate].reshape(-1, 60000 * rate)
+    count = min(len(minutes), round(60 * hours))
+    return minutes[np.arange(count) * len(minutes) // count].tobytes()
+
+
 def answers(build, rate, samples):
     """(frames [n] of FRAME, utterances [m] of UTTERANCE)."""
     emulator = EMULATORS.get(os.path.basename(build).split("-")[0], [])
-    with open(samples, "rb") as audio:
-        data = subprocess.run([*emulator, os.path.join(build, "tests", "answers"),
-                               os.path.join(ROOT, "models", f"vad{rate}k.bin")],
-                              stdin=audio, stdout=subprocess.PIPE, check=True).stdout
+    data = subprocess.run([*emulator, os.path.join(build, "tests", "answers"),
+                           os.path.join(ROOT, "models", f"vad{rate}k.bin")],
+                          input=samples, stdout=subprocess.PIPE, check=True).stdout
     frames, utterances, at = [], [], 0
     while at < len(data):
         if data[at] == 255:
@@ -40,15 +49,16 @@ def answers(build, rate, samples):
 
 
 def main():
-    if len(sys.argv) < 5:
+    if len(sys.argv) < 6:
         sys.exit(__doc__)
-    builds, different = sys.argv[3:], 0
-    for rate, samples in zip((8, 16), sys.argv[1:3]):
-        frames, utterances = answers(builds[0], rate, samples)
+    builds, different = sys.argv[4:], 0
+    pool = concurrent.futures.ThreadPoolExecutor(os.cpu_count())
+    for rate, path in zip((8, 16), sys.argv[2:4]):
+        samples = spread_minutes(path, rate, float(sys.argv[1]))
+        (frames, utterances), *rest = pool.map(lambda build: answers(build, rate, samples), builds)
         print(f"{rate} kHz, {builds[0]}: {len(frames)} frames, {len(utterances)} ends of utterances",
               flush=True)
-        for build in builds[1:]:
-            others, ends = answers(build, rate, samples)
+        for build, (others, ends) in zip(builds[1:], rest):
             if len(others) != len(frames) or len(ends) != len(utterances):
                 print(f"{rate} kHz, {build}: {len(others)} frames, {len(ends)} ends")
                 different += 1
