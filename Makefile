@@ -9,6 +9,7 @@
 #                           the same recordings)
 #   make soak               three days of audio through one session for each rate
 #   make answers            the answers of all builds to two hours of audio (downloads it as quality does)
+#   make fuzz               look for inputs that break the readers and sessions (FUZZ_SECONDS each, 600)
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
@@ -23,7 +24,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality soak answers deb abi install lint format clean dist
+.PHONY: demo test bench models quality soak answers fuzz deb abi install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -68,6 +69,10 @@ answers:
 	done
 	@$(PYTHON) tests/answers.py 1 build/training/heldout8.s16 build/training/heldout.s16 \
 	    $(addprefix build/,$(ANSWER_PRESETS))
+
+fuzz:
+	@scripts/setup.sh lint
+	@fuzz/run.sh $(or $(FUZZ_SECONDS),600)
 
 deb:
 	@scripts/setup.sh deb

@@ -57,15 +57,16 @@ std::string plain(std::string label) {
 }
 
 Interval checked(double from, double to, const std::string& path, int line) {
-    if (!std::isfinite(from) || !std::isfinite(to)) {
+    constexpr double kSteps = 1e6;  // a second: start + length then ends where the same end would
+    const Interval rounded{std::round(from * kSteps) / kSteps, std::round(to * kSteps) / kSteps};
+    if (!std::isfinite(rounded.from) || !std::isfinite(rounded.to)) {
         throw broken(path, line, "a time is not finite");
     }
     if (from < 0 || to < from) {
         throw broken(path, line,
                      from < 0 ? "begins before the recording" : "ends before it begins");
     }
-    constexpr double kSteps = 1e6;  // a second: start + length then ends where the same end would
-    return {std::round(from * kSteps) / kSteps, std::round(to * kSteps) / kSteps};
+    return rounded;
 }
 
 // Of a TextGrid only free-standing numbers and quoted texts count, in both formats: all else ("xmin =",

@@ -302,7 +302,8 @@ ordered_json describe_template(const std::string& path, int bins) {
     std::vector<int> cells(static_cast<std::size_t>(kRows * bins));
     for (int i = 0; i < kRows * bins; ++i) {
         int& cell = cells[static_cast<std::size_t>(i)];
-        const std::string expected = format("cell %d of row %d", i % bins + 1, i / bins + 1);
+        const std::string expected = format("cell %d of row %d of a template for %d kHz",
+                                            i % bins + 1, i / bins + 1, bins / (kNarrowBins / 8));
         if (const long where = next("%d", &cell, expected); where >= 0) {
             file.fail(where, expected + position(path, where), "no whole number is there");
         }
@@ -360,8 +361,20 @@ ordered_json describe_file(const std::string& path) {
     const std::vector<std::string> row = tokens(begin.substr(0, begin.find('\n')));
     const auto bits =
         std::count(row.begin(), row.end(), "0") + std::count(row.begin(), row.end(), "1");
-    if (row.size() < 8 || bits < static_cast<std::ptrdiff_t>(row.size() / 2)) {
-        return describe_model(path);
+    const bool plain = bits == static_cast<std::ptrdiff_t>(row.size());
+    if (plain && (row.size() == kNarrowBins || row.size() == kWideBins)) {
+        return describe_template(path, static_cast<int>(row.size()));
     }
-    return describe_template(path, row.size() > kNarrowBins ? kWideBins : kNarrowBins);
+    // The library does not look at lines. (What it takes for wide models begins like a narrow one.)
+    std::unique_ptr<Failure> first;
+    const bool model = row.size() < 8 || bits < static_cast<std::ptrdiff_t>(row.size() / 2);
+    for (const int bins :
+         {model ? 0 : kWideBins, model ? kWideBins : kNarrowBins, model ? kNarrowBins : 0}) {
+        try {
+            return bins == 0 ? describe_model(path) : describe_template(path, bins);
+        } catch (const Failure& failure) {
+            first = first != nullptr ? std::move(first) : std::make_unique<Failure>(failure);
+        }
+    }
+    throw *first;
 }

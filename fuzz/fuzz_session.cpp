@@ -2,6 +2,7 @@
 //
 // A call is a byte that chooses it, then its arguments. The models are tiny ones, with cut and bent copies
 // of them, so that many sequences run in a second.
+#include <algorithm>
 #include <memory>
 
 #include "dnnvad/dnn_vad.h"
@@ -32,8 +33,6 @@ const char* some_file(Reader& reader, MemoryFile& file, const std::string& whole
 
 }  // namespace
 
-const bool fuzz::may_assert = true;
-
 void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     static MemoryFile model, bleep;
     static const std::string kModels[] = {read_source("fuzz/tiny8k.bin"),
@@ -43,18 +42,13 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     Reader reader(data, size);
     auto session = std::make_unique<tz_dnnvad::CMFE>();
     session->mfeSetParam(9, 8000);
-    static std::vector<char> out(200000);
-    int position = 0, bytes, inits = 0;
+    int position = 0, bytes, inits = 0, chunks = 0;
     for (int calls = 0; reader.left() > 0 && calls < 100; ++calls) {
         const int what = reader.take<std::uint8_t>() % 32;
         switch (what) {
             case 0: {
                 const int id = reader.take<std::uint8_t>() % 30;
-                const float value = reader.take<float>();
-                // (rings of gigabytes are legal, and too slow to fuzz)
-                if (id != 9 || !(value > 200000)) {
-                    session->mfeSetParam(id, value);
-                }
+                session->mfeSetParam(id, reader.take<float>());
                 break;
             }
             case 1:
@@ -66,8 +60,11 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
             case 3: {
                 const bool wide = (reader.take<std::uint8_t>() & 1) != 0;
                 if (++inits <= 4) {
+                    // (a template takes as long to read as a second of audio to judge)
                     const char* const path = some_file(reader, model, kModels[wide]);
-                    session->mfeInit_load_model(path, some_file(reader, bleep, kTemplates[wide]));
+                    const bool templated = reader.take<std::uint8_t>() % 8 == 1;
+                    session->mfeInit_load_model(
+                        path, templated ? some_file(reader, bleep, kTemplates[wide]) : nullptr);
                 }
                 break;
             }
@@ -94,11 +91,13 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
                 break;
             }
             case 10:
-                session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::uint16_t>());
+            case 11: {
+                const int capacity =
+                    what == 10 ? reader.take<std::uint16_t>() : reader.take<std::int8_t>();
+                std::vector<char> room(static_cast<std::size_t>(std::max(capacity, 1)));
+                session->mfeGetCallbackData(room.data(), &bytes, capacity);
                 break;
-            case 11:
-                session->mfeGetCallbackData(out.data(), &bytes, reader.take<std::int8_t>());
-                break;
+            }
             case 12:
                 session->mfeGetCallbackData(nullptr, nullptr, 1);
                 break;
@@ -152,14 +151,21 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
             case 25:
                 session->mfeReturnStatus(reader.take<int>());
                 break;
+            case 26:
+                blocks_left = reader.take<std::uint8_t>();
+                session->mfeSetHistVolume(session->mfeGetHistVolume());
+                break;
             default: {  // as a host does, for a while
-                for (int chunk = reader.take<std::uint8_t>() % 32; chunk >= 0; --chunk) {
+                const int how = reader.take<std::uint8_t>();
+                std::vector<char> room(static_cast<std::size_t>(how < 32 ? 4000 : how / 32 * 40));
+                const int capacity = static_cast<int>(room.size());
+                for (int chunk = how % 32; chunk >= 0 && chunks < 150; --chunk, ++chunks) {
                     const std::vector<short> samples = sound(position, session->_m_n_frame_shift);
                     session->mfeSendData(samples.data(), session->_m_n_frame_shift);
                     position += session->_m_n_frame_shift;
                     session->mfeDNNDetect();
-                    session->mfeGetCallbackData(out.data(), &bytes, static_cast<int>(out.size()));
-                    if (bytes < 0 || bytes > static_cast<int>(out.size())) {
+                    session->mfeGetCallbackData(room.data(), &bytes, capacity);
+                    if (bytes < 0 || bytes > capacity) {
                         fault("more audio than asked for");
                     }
                 }

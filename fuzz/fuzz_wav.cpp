@@ -3,8 +3,6 @@
 #include "app/program.h"
 #include "harness.h"
 
-const bool fuzz::may_assert = false;
-
 void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     static MemoryFile file;
     Reader reader(data, size);
@@ -12,13 +10,16 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     const auto choice = reader.take<std::uint8_t>();
     options.raw_rate = choice % 8 == 0 ? 11025 : 0;
     options.channel = choice / 8 % 4;
-    const int rate = choice < 128 ? 8000 : 16000;
     try {
         AudioInput input(file.hold(reader.rest(), reader.left()), options);
-        PcmReader pcm(input, rate);
+        // (few conversions: designing their filters takes a thousand times as long as all else)
+        PcmReader pcm(input, choice == 255 ? 8000 : choice == 254 ? 16000 : input.rate());
         std::vector<short> block(480);
         // A header may claim hours of silence.
-        for (int blocks = 0; blocks < 200 && pcm.read(block.data(), block.size()) > 0; ++blocks) {
+        for (int blocks = 0; blocks < 20 && pcm.read(block.data(), block.size()) > 0; ++blocks) {
+        }
+        if (!(input.share() >= 0 && input.share() <= 1) || pcm.clipped() < 0) {
+            fault("a share beyond 0 .. 1");
         }
     } catch (const Failure&) {
     }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -17,9 +18,8 @@ namespace fuzz {
 // One input; defined by each target. An assertion that is part of the library's behaviour ends it early.
 void one_input(const std::uint8_t* data, std::size_t size);
 
-// Whether a target's inputs may fail assertions that hosts know. A process would end there; here what is
-// half built stays behind, so such inputs run once more where leaks are not looked for.
-extern const bool may_assert;
+// Such an assertion. A process would end there.
+struct KnownAssertion {};
 
 // Runs one_input. A failed assertion that hosts know ends the input, any other the process.
 void run(const std::uint8_t* data, std::size_t size);
@@ -55,6 +55,10 @@ private:
     int descriptor_;
     std::string path_;
 };
+
+// Blocks beyond 256 KB are not to be had, so that claims of gigabytes meet a lack of memory; nor are any
+// after so many of the input (from 32 on: no limit).
+extern int blocks_left;
 
 // Speech-like noise, the same for every input: `count` samples from position `at`.
 std::vector<short> sound(int at, int count);

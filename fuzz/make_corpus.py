@@ -1,6 +1,6 @@
 """Writes the seeds of the fuzz targets, fuzz/corpus/TARGET/seed-*, and the models of the session's target.
 
-What a fuzzer found lies beside the seeds.
+The seeds of label files and models, and what a fuzzer found, are not made but kept.
 """
 import os
 import struct
