@@ -201,6 +201,5 @@ void add_detect(CLI::App& program, Action& action) {
         ->type_name("PATH");
     add_cut_option(command, options->cut);
     add_session_options(command, options->session);
-    add_margin_option(command, options->session);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

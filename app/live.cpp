@@ -8,7 +8,6 @@
 #include <cmath>
 #include <ctime>
 #include <limits>
-#include <utility>
 
 #include "audio_input.h"
 #include "capture.h"
@@ -95,9 +94,10 @@ public:
             format("forgotten: %s at %.2f", prompt ? "the prompt" : "a blip", start));
     }
     void timed_out(double seconds) override {
-        if (!std::exchange(idle_, true)) {
+        if (!idle_) {
             say({{"type", "time-out"}, {"time", hundredths(seconds)}}, "time-out");
         }
+        idle_ = true;
     }
     void stream_ended(double seconds, int status, int overruns) {
         set_status(status);
@@ -264,6 +264,5 @@ void add_live(CLI::App& program, Action& action) {
     command.add_flag("--list", options->list, "List the capture devices");
     add_cut_option(command, options->cut);
     add_session_options(command, options->session);
-    add_margin_option(command, options->session);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

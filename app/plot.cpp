@@ -551,6 +551,5 @@ void add_plot(CLI::App& program, Action& action) {
         ->type_name("TEXT");
     add_audio_options(command, options->audio);
     add_session_options(command, options->session);
-    add_margin_option(command, options->session);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }

@@ -8,7 +8,6 @@
 #include <cstdarg>
 #include <cstring>
 #include <filesystem>
-#include <utility>
 #include <vector>
 
 namespace fs = std::filesystem;
@@ -66,10 +65,9 @@ void flush(FILE* stream, const std::string& name) {
 }
 
 void prepare_process() {
-    int descriptor = 0;  // (nothing can be written to these)
-    while ((descriptor = open("/dev/null", O_RDONLY)) >= 0 && descriptor <= STDERR_FILENO) {
+    for (int opened = 0; opened >= 0 && opened < STDERR_FILENO;) {
+        opened = open("/dev/null", O_RDONLY | O_CLOEXEC);  // (which cannot be written to)
     }
-    close(descriptor);
     std::signal(SIGXFSZ, SIG_IGN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE, SIGABRT}) {
         if (std::signal(signal, remove_unfinished) == SIG_IGN) {
@@ -131,7 +129,9 @@ OutputFile::~OutputFile() {
 
 void OutputFile::commit() {
     flush();
-    if (std::fclose(std::exchange(stream_, nullptr)) != 0) {
+    FILE* const done = stream_;
+    stream_ = nullptr;
+    if (std::fclose(done) != 0) {
         throw Failure(file_.name(), std::strerror(errno));
     }
     file_.commit();

@@ -25,7 +25,6 @@ constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
 constexpr float kMostFrames = 1e9F;    // what is longer is told no further apart
 constexpr char kPrefix[] = "PARAM_";
 constexpr int kMostWarnings = 5;
-constexpr char kGroup[] = "Detection";  // of options
 
 enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
 
@@ -162,7 +161,6 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
     return keys;
 }
 
-// From a configuration file, or from --set ("").
 void set_parameter(CMFE& session, const Parameter& parameter, float value,
                    const std::string& file) {
     if (session.mfeSetParam(parameter.id, value) != 0) {
@@ -223,18 +221,19 @@ std::string chosen_model(const SessionOptions& options, const cfg_vad_t& config,
 
 }  // namespace
 
-void add_session_options(CLI::App& command, SessionOptions& options) {
+void add_session_options(CLI::App& command, SessionOptions& options, bool margin) {
+    const char* const group = "Detection";
     command
         .add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
         ->type_name("FILE")
-        ->group(kGroup);
+        ->group(group);
     command
         .add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
         ->type_name("FILE")
-        ->group(kGroup);
+        ->group(group);
     command.add_option("--config", options.config, "Configuration file of PARAM_NAME:value lines")
         ->type_name("FILE")
-        ->group(kGroup);
+        ->group(group);
     command
         .add_option("--set", options.set,
                     "A parameter by name, such as max_sp_pause=600ms or\n"
@@ -242,21 +241,21 @@ void add_session_options(CLI::App& command, SessionOptions& options) {
         ->type_name("NAME=VALUE")
         ->take_all()
         ->allow_extra_args(false)
-        ->group(kGroup);
-}
-
-void add_margin_option(CLI::App& command, SessionOptions& options) {
-    const auto set = [&options](const std::string& margin) {
+        ->group(group);
+    if (!margin) {
+        return;
+    }
+    const auto set = [&options](const std::string& text) {
         for (const char* const name : {"start_back_frame=", "end_back_frame="}) {
-            setting_in_frames(name + margin, "--margin");
-            options.set.insert(options.set.begin(), name + margin);
+            setting_in_frames(name + text, "--margin");
+            options.set.insert(options.set.begin(), name + text);
         }
     };
     command
         .add_option_function<std::string>(
             "--margin", set, "Audio kept before and after speech, as 40 (frames) or 300ms")
         ->type_name("TIME")
-        ->group(kGroup);
+        ->group(group);
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {

@@ -33,10 +33,8 @@ struct SessionOptions {
     std::vector<std::string> set;  // NAME=VALUE, applied after the file
 };
 
-// Adds --model, --bleep, --config and --set to a command.
-void add_session_options(CLI::App& command, SessionOptions& options);
-// After these: adds --margin, which becomes settings that go before those of --set.
-void add_margin_option(CLI::App& command, SessionOptions& options);
+// Adds --model, --bleep, --config, --set and, if wanted, --margin, which becomes settings before theirs.
+void add_session_options(CLI::App& command, SessionOptions& options, bool margin = true);
 
 // A session with every parameter set, sample rate and buffer length first, then initialised. The buffer
 // is lengthened where the margin before speech or the pause limit needs it. Without a

@@ -360,6 +360,6 @@ void add_tune(CLI::App& program, Action& action) {
     command.add_option("-j,--jobs", o.jobs, "Threads")
         ->check(CLI::Range(1, 256))
         ->capture_default_str();
-    add_session_options(command, o.session);
+    add_session_options(command, o.session, false);
     command.callback([options, &action] { action = [options] { return run(*options); }; });
 }
