@@ -55,20 +55,14 @@ protected:
 };
 
 TEST_F(Faults, FilesThatCannotBeWrittenAreNotLeftHalf) {
-    const std::string bleep =
-        "record-bleep --renderings 30 $s/prompt-8k.wav --speech $s/*m*.wav $s/r*.wav";
-    for (const auto& [command, name, _] : {Row{"detect r.wav", "x"},
-                                           {"detect -f json r.wav", "x"},
-                                           {"detect -f csv r.wav r.wav", "x"},
-                                           {"detect -f rttm r.wav", "x"},
-                                           {"detect -f audacity r.wav", "x"},
-                                           {"detect -f textgrid r.wav", "x"},
-                                           {"plot r.wav", "x.html"},
-                                           {"plot r.wav", "x.svg"},
-                                           {"$t", "x"},
-                                           {bleep, "x"}}) {
-        const std::string told = "dnnvad: " + name + ": ", left = kFailed + "left: " + name + "\n",
-                          it = "errors " + command + " -o ";
+    for (const std::string command :
+         {"detect r.wav -o x", "detect -f json r.wav -o x", "detect -f csv r.wav r.wav -o x",
+          "detect -f rttm r.wav -o x", "detect -f audacity r.wav -o x",
+          "detect -f textgrid r.wav -o x", "plot r.wav -o x.html", "plot r.wav -o x.svg", "$t -o x",
+          "record-bleep --renderings 30 $s/prompt-8k.wav --speech $s/*m*.wav $s/r*.wav -o x"}) {
+        const std::string name = command.substr(command.rfind(' ') + 1),
+                          it = "errors " + command.substr(0, command.size() - name.size());
+        const std::string told = "dnnvad: " + name + ": ", left = kFailed + "left: " + name + "\n";
         EXPECT_EQ(run("ln -s /dev/full " + name + "; " + it + name), told + kFull + left);
         EXPECT_EQ(
             run("echo old >" + name + "; ulimit -f 0; " + it + name + "; cat " + name + "; exit 1"),
@@ -80,23 +74,17 @@ TEST_F(Faults, FilesThatCannotBeWrittenAreNotLeftHalf) {
 
 // What was finished by then stays: a configuration, an utterance.
 TEST_F(Faults, StandardOutputThatCannotBeWrittenIsToldOnce) {
-    const std::string told = "dnnvad: standard output: ";
-    for (const auto& [command, left, _] : {Row{"detect -f json r.wav r.wav"},
-                                           {"detect -f textgrid r.wav"},
-                                           {"info"},
-                                           {"$l"},
-                                           {"$t -o x", "left: x\n"},
-                                           {"$l --once --cut c", "left: c\n"}}) {
+    const std::string told = "dnnvad: standard output: ", only = "grep -E '^(dnnvad|status)' kept";
+    for (const std::string command : {"detect -f json r.wav r.wav", "detect -f textgrid r.wav",
+                                      "info", "$l", "$t -o x", "$l --once --cut c"}) {
         const std::string it = "dnnvad " + command + " 2>kept",
-                          status = "; echo status $? >>kept; ",
-                          only = "grep -E '^(dnnvad|status)' kept";
+                          status = "; echo status $? >>kept; ";
+        const std::string last = command.substr(command.size() - 2),
+                          left = last[0] == ' ' ? "left:" + last + "\n" : "";
         EXPECT_EQ(run(it + " >/dev/full" + status + only), told + kFull + kFailed + left);
-        EXPECT_EQ(run("{ sleep 0.1; trap '' PIPE; " + it + status + "} | :; " + only),
-                  told + "Broken pipe\n" + kFailed + left);
         EXPECT_EQ(run("{ sleep 0.1; " + it + status + "} | :; " + only), "status 141\n" + left);
     }
     EXPECT_EQ(run("dnnvad detect r.wav 2>&1 >&-"), told + "is closed\n" + kFailed);
-    // Nor do descriptors that are closed become those of files.
     const std::string odd = "dnnvad detect --set max_sp_pause=2s r.wav ";
     EXPECT_EQ(run(odd + "-o kept 2>&- <&-; " + odd + "2>/dev/null | cmp - kept"), "");
 }
@@ -107,29 +95,26 @@ TEST_F(Faults, CutsThatWereFinishedStayWhenTheDiskIsFull) {
               "dnnvad: c/stream-16k-001.wav: File too large.\n"
               "2 recordings, 1 utterances, 1 failed\nr-001.wav\nleft: c\n");
     EXPECT_EQ(run("ulimit -f 40; dnnvad $l --cut c >kept 2>&1; echo $?; rmdir c"), "1\n");
-    EXPECT_EQ(run("errors detect --cut /proc/c r.wav"),
-              "dnnvad: /proc/c: No such file or directory\n" + kFailed);
 }
 
 // Half a recording, and nothing after it: what was decided in a stream is kept, but not in a file (which
 // may be removed while it is read).
 TEST_F(Faults, SignalsKeepWhatAStreamGave) {
-    const std::string whole = "{\"type\":\"recording\",\"file\"\n";
-    for (const auto& [signal, input, result] : {Row{"INT", "-", whole + "status 130\nleft: out\n"},
-                                                {"TERM", "-", whole + "status 143\nleft: out\n"},
-                                                {"TERM", "pipe", "status 143\n"},
-                                                {"HUP", "-", "status 129\n"},
-                                                {"0", "pipe", whole + "left: out\n"}}) {
+    for (const auto& [signal, input, status] : {Row{"INT", "-", "130"},
+                                                {"TERM", "pipe", "143"},
+                                                {"HUP", "-", "129"},
+                                                {"0", "pipe", "0"}}) {
         put("start", header(kUnknown) + kSamples);
         const std::string begin =
-            "mkfifo pipe; (exec " DNNVAD_PROGRAM " detect -f json -o out " + input;
-        EXPECT_EQ(
-            run(begin +
-                ") <pipe & exec 3<>pipe 2>kept; cat start >&3; "
-                "until grep -q utterance out.partial; do sleep 0.05; done; rm pipe start; kill "
-                "-s " +
-                signal + " $!; exec 3>&-; wait $!; s=$?; tail -n 1 out | cut -c -26; exit $s"),
-            result);
+            "mkfifo pipe; (exec " DNNVAD_PROGRAM " detect -f json -o kept " + input;
+        const std::string feed =
+            ") <pipe & exec 3<>pipe 2>e; cat start >&3; until grep -q utterance kept.partial; do "
+            "sleep 0.05; done; "
+            "rm pipe start e; kill -s ";
+        const bool whole = status == "130" || status == "0";
+        EXPECT_EQ(run(begin + feed + signal +
+                      " $!; exec 3>&-; wait $!; echo $?; tail -n 1 kept | cut -c -19; rm kept"),
+                  status + (whole ? "\n{\"type\":\"recording\"\n" : "\n" + kFailed));
     }
 }
 
@@ -144,7 +129,6 @@ TEST_F(Faults, RecordingsAreHeardToTheEndThatTheyHave) {
          {Row{header(kBytes) + kSamples + list},
           {header(0) + kSamples, none},
           {header(kUnknown) + kSamples, none},
-          {header(0x7ffff000) + kSamples, none},
           {header(kBytes / 2) + kSamples, none, "other"},
           {rf64 + header(kUnknown).substr(12) + kSamples, none, "other"},
           {header(90000) + kSamples, "warning: kept: ends after 5.00 s, 0.62 s before it should",
@@ -152,7 +136,6 @@ TEST_F(Faults, RecordingsAreHeardToTheEndThatTheyHave) {
           {header(kBytes) + kSamples.substr(0, 40001),
            "warning: kept: ends after 2.50 s, 2.50 s before it should", "same"},
           {header(0), "warning: kept: holds no samples", "same"},
-          {header(0).substr(0, 30), "kept: Error in WAV file. No 'data' chunk marker", "same"},
           {"", "kept: is empty", "other"}}) {
         put("kept", content);
         const std::string end = " 2>&1 >out | sed 's/standard input/kept/'; cat out; rm out";

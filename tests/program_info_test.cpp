@@ -144,6 +144,7 @@ TEST(Info, SaysWhatIsInAModelAndWhereItGoesWrong) {
     const json models =
         info(test::source("models/vad8k.bin") + " " + test::source("models/vad16k.bin"));
     EXPECT_EQ(models[0]["layers"], json({442, 96, 64, 9}));
+    EXPECT_LT(models[0]["means"]["low"], models[0]["means"]["high"]);
     EXPECT_EQ(models[1]["sample_rate_hz"], 16000);
     EXPECT_EQ(models[1]["multiply_adds_per_frame"], 680 * 96 + 96 * 64 + 64 * 9);
     EXPECT_TRUE(models[0]["doubts"].empty() && models[1]["doubts"].empty()) << models;
