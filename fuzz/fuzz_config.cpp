@@ -6,7 +6,6 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     static MemoryFile file;
     tz_dnnvad::cfg_vad_t config;
     std::memset(&config, 0x5a, sizeof config);
-    // (no file, a folder)
     const char* const path = size == 0 ? "" : size == 1 ? "/" : file.hold(data, size);
     if (tz_dnnvad::readcfg(path, &config) != (size < 2 ? -1 : 0)) {
         fault("a readable file is not read, or another one");

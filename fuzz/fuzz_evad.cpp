@@ -13,7 +13,7 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
             const int what = reader.take<std::uint8_t>() % 12;
             const int value = reader.take<std::int16_t>();
             const int frame = value & 255;
-            const std::vector<short> samples = sound(value & 0xff, frame);
+            const std::vector<short> samples = sound(64 * frame, frame);
             int waiting;
             switch (what) {
                 case 0:

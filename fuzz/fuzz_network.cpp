@@ -8,9 +8,8 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     static MemoryFile file;
     blocks_left = size > 0 ? data[0] : 32;
     const auto network = std::make_unique<tz_dnnvad::DNN>(nullptr, file.hold(data, size));
-    const float parameter = 1;
     if (network->getState() != 2) {
-        network->set_network(&parameter, 1);
+        network->set_network(nullptr, 0);
         return;
     }
     const auto size_of = [&network](int k) {

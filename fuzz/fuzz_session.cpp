@@ -60,7 +60,6 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
             case 3: {
                 const bool wide = (reader.take<std::uint8_t>() & 1) != 0;
                 if (++inits <= 4) {
-                    // (a template takes as long to read as a second of audio to judge)
                     const char* const path = some_file(reader, model, kModels[wide]);
                     const bool templated = reader.take<std::uint8_t>() % 8 == 1;
                     session->mfeInit_load_model(
@@ -153,7 +152,6 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
                 break;
             case 26:
                 blocks_left = reader.take<std::uint8_t>();
-                session->mfeSetHistVolume(session->mfeGetHistVolume());
                 break;
             default: {  // as a host does, for a while
                 const int how = reader.take<std::uint8_t>();

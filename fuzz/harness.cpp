@@ -64,8 +64,7 @@ void run(const std::uint8_t* data, std::size_t size) {
     blocks_left = 32;
     try {
         one_input(data, size);
-    } catch (const KnownAssertion&) {
-        // What a half-built network leaves behind.
+    } catch (const KnownAssertion&) {  // which leaves half-built things behind
         std::for_each(blocks.begin(), blocks.end(), __real_free);
     }
 }

@@ -17,7 +17,6 @@ declare -A faults=(
   [model]='app/model_file.cpp s/needed > most/needed < 0/'
   [labels]='app/labels.cpp s/next >= tokens.size()/next == tokens.size()/'
   [wav]='app/audio_input.cpp s/channel_ > info_.channels/channel_ > 1024/')
-
 # search BUILD TARGET SECONDS CORPUS...: says what was found, and in how many executions.
 search() {
   local options=("-max_total_time=$3" "-artifact_prefix=$1/found/$2-" -print_final_stats=1 -close_fd_mask=1)
@@ -46,8 +45,7 @@ case $what in
     llvm-cov-14 report -show-region-summary=0 -show-functions=0 "${view[@]}"
     ;;
   proof)
-    copy=build/seeded missed=0
-    mkdir -p $copy
+    copy=build/seeded missed=0 && mkdir -p build/seeded
     git ls-files -z | xargs -0 cp --parents -t $copy
     cmake -S $copy -B $copy/build --preset fuzz -D DNNVAD_WERROR=OFF >/dev/null
     for target; do
