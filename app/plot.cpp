@@ -28,7 +28,10 @@ using Bytes = std::vector<unsigned char>;
 using Json = nlohmann::ordered_json;
 
 constexpr std::size_t kClasses = 9;
-constexpr std::size_t kLargestPage = 10'000'000;  // bytes
+constexpr std::size_t kLargestPage = 10'000'000;   // bytes
+constexpr std::size_t kLongestPage = 6 * 360'000;  // frames; one hour of much speech takes 9 MB
+6 * 360'000;  // frames: more will not fit, hardly ever this much
+constexpr char kTooLong[] = "too long for a page of 10 MB; cut it, or draw an .svg";
 constexpr double kFloor = 0.15,
                  kCeiling = 0.998;             // shares of the cells that are white, not yet dark
 constexpr int kNotStarted = 0, kTimedOut = 3;  // status
@@ -313,7 +316,7 @@ void write_page(FILE* stream, Story& story, Json facts) {
         text.replace(k, 1, "\\u003c");  // nothing in it ends the script
     }
     if (!fits()) {
-        throw Failure(facts["file"], "too long for a page of 10 MB; cut it, or draw an .svg");
+        throw Failure(facts["file"], kTooLong);
     }
     std::fprintf(stream,
                  "%.*s<script type=\"application/json\" id=\"facts\">%s</script>\n"
@@ -482,6 +485,8 @@ int run(const Options& options) {
         throw UsageError("-o takes a name that ends in .html or .svg, not '" + options.output +
                          "'");
     }
+    const std::string name =
+        options.file == "-" ? "stdin" : fs::path(options.file).filename().string();
     AudioInput input(options.file, options.audio);
     const auto session = open_session(options.session, input.rate());
     warn_of_doubts(*session, options.session);
@@ -492,6 +497,9 @@ int run(const Options& options) {
     Progress progress;
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
     while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
+        if (extension == ".html" && story.frames() > kLongestPage) {
+            throw Failure(name, kTooLong);
+        }
         story.hear(chunk.data(), got);
         listener.push(chunk.data(), static_cast<int>(got));
         progress.show(options.file, input.share());
@@ -504,8 +512,6 @@ int run(const Options& options) {
     progress.clear();
     // (never NaN)
     const auto threshold = [](double value) { return std::min(99.0, std::max(0.0, value)); };
-    const std::string name =
-        options.file == "-" ? "stdin" : fs::path(options.file).filename().string();
     const Json facts{
         {"title", clean(options.title.empty() ? name : options.title)},
         {"file", clean(name)},
