@@ -30,7 +30,6 @@ using Json = nlohmann::ordered_json;
 constexpr std::size_t kClasses = 9;
 constexpr std::size_t kLargestPage = 10'000'000;   // bytes
 constexpr std::size_t kLongestPage = 6 * 360'000;  // frames; one hour of much speech takes 9 MB
-6 * 360'000;  // frames: more will not fit, hardly ever this much
 constexpr char kTooLong[] = "too long for a page of 10 MB; cut it, or draw an .svg";
 constexpr double kFloor = 0.15,
                  kCeiling = 0.998;             // shares of the cells that are white, not yet dark
