@@ -213,6 +213,7 @@ TEST(Concat, FailuresAndOddDimensions) {
             Floats block(128);
             EXPECT_EQ(concat.translate(block.data(), src, 0), -1);
             EXPECT_EQ(concat.read(block.data(), dst), -1);
+            EXPECT_EQ(concat.contextFramesCopy, 0);
             concat.reset();
         });
     };

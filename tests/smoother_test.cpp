@@ -29,6 +29,17 @@ int feed(WindowsDetector& detector, float speech, int frame = 0) {
     return detector.smooth_detector_one_frame(post.data(), 9, frame);
 }
 
+TEST(Smoother, SettingsAndTheirDefaults) {
+    VadConfiger configer;
+    EXPECT_EQ(configer._flag, 1);
+    EXPECT_EQ(configer._speech_threshold, 0.2F);
+    EXPECT_EQ(configer._sil_threshold, 0.2F);
+    EXPECT_EQ(configer._smooth_window, 20);
+    configer._smooth_window = 7;
+    EXPECT_TRUE(configer.load());
+    EXPECT_EQ(configer._smooth_window, 20);
+}
+
 TEST(Smoother, MaximumOfTwentyAveragesOfThree) {
     WindowsDetector detector = make(1.1F, 1.1F);
     std::mt19937 generator(3);
