@@ -10,6 +10,7 @@
 #   make soak               three days of audio through one session for each rate
 #   make answers            the answers of all builds to two hours of audio (downloads it as quality does)
 #   make fuzz               look for inputs that break the readers and sessions (FUZZ_SECONDS each, 600)
+#   make mutate             one-line faults in the library, and how many of them the tests notice
 #   make deb                Debian packages for this machine and for 32-bit ARM, in build/packages
 #   make abi                make today's interface of the library the one that tests compare with
 #   make install PREFIX=..  library, headers and program (DESTDIR is honoured)
@@ -24,7 +25,7 @@ export CMAKE_BUILD_PARALLEL_LEVEL ?= $(shell nproc)
 
 PYTHON := /usr/bin/python3
 
-.PHONY: demo test bench models quality soak answers fuzz deb abi install lint format clean dist
+.PHONY: demo test bench models quality soak answers fuzz mutate deb abi install lint format clean dist
 
 demo: dist
 	@for recording in samples/roadsigns-8k.wav samples/stream-16k.wav; do \
@@ -73,6 +74,10 @@ answers:
 fuzz:
 	@scripts/setup.sh lint
 	@fuzz/run.sh $(or $(FUZZ_SECONDS),600)
+
+mutate:
+	@scripts/setup.sh test
+	@nice -n 15 $(PYTHON) tests/mutation.py
 
 deb:
 	@scripts/setup.sh deb
