@@ -81,7 +81,8 @@ void AudioInput::look_behind_header(sf_count_t size) {
             pread(descriptor_, &(claimed = 0), large ? 8 : 4, large ? 28 : begin - 4) > 0 && more;
     }
     const bool unknown = more || ((claimed + 0x10000) & 0x7fffffff) <= 0x10000;
-    promised_ = unknown ? 0 : static_cast<double>(claimed / width);
+    const auto frames = claimed / width;
+    promised_ = unknown ? 0 : static_cast<double>(frames);
     open_ended_ = unknown && begin >= 0;
     if (more || (unknown && begin < 0)) {
         lseek(descriptor_, 0, SEEK_SET);  // (a pipe stays where it is)

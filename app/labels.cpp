@@ -122,16 +122,20 @@ std::size_t read_textgrid(const std::string& path, std::vector<Interval>& speech
     if (take(true).text.compare(0, 10, "ooTextFile") != 0 || take(true).text != "TextGrid") {
         throw broken(path, 1, "is no TextGrid");
     }
+    const auto count_of = [&] {  // more than there are tokens is too many in any case
+        const double value = take(false).value;
+        return value > 0 ? static_cast<std::size_t>(std::min(value, 1e9)) : 0;
+    };
     next += 2;  // the whole recording
     std::size_t seen = 0;
-    for (double tiers = take(false).value; tiers > 0; --tiers) {
+    for (std::size_t tiers = count_of(); tiers > 0; --tiers) {
         const bool intervals = take(true).text == "IntervalTier";
         const bool named = plain(take(true).text) == "speech";
         next += 2;
-        const double count = take(false).value;
+        const std::size_t count = count_of();
         std::vector<Interval> found;
         double covered = 0;
-        for (double k = 0; k < count; ++k) {
+        for (std::size_t k = 0; k < count; ++k) {
             const Token& from = take(false);
             const Interval interval =
                 checked(from.value, intervals ? take(false).value : from.value, path, from.line);
@@ -144,7 +148,7 @@ std::size_t read_textgrid(const std::string& path, std::vector<Interval>& speech
             }
         }
         if (intervals && count > 0 && (named || seen == 0)) {
-            seen = static_cast<std::size_t>(count);
+            seen = count;
             speech = found;
             if (named) {
                 break;

@@ -94,7 +94,8 @@ struct Spectrogram {
                 for (std::size_t column = from; column < to; ++column) {
                     sum += cells[column * kRows + row];
                 }
-                out.push_back(static_cast<unsigned char>(sum / (to - from)));
+                out.push_back(
+                    static_cast<unsigned char>(sum / std::max<std::size_t>(1, to - from)));
             }
         }
         return out;

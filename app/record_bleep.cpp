@@ -319,10 +319,9 @@ Template derive(const std::vector<Map>& maps, int bins, int span, Logits& unseen
             const bool weighted = i % width >= kLow - 1 && i % width < width - 1;
             model.cells.push_back(weighted && on[i] > kOn * prompts);
         }
-        std::vector<std::vector<double>> x;
-        for (const Map& map : maps) {
-            x.push_back(counts(map, model.cells, bins));
-        }
+        std::vector<std::vector<double>> x(maps.size());
+        std::transform(maps.begin(), maps.end(), x.begin(),
+                       [&](const Map& map) { return counts(map, model.cells, bins); });
         Logits logits;
         fit_and_judge(maps, x, model, {0}, 1, 0, logits);
         fit_and_judge(maps, x, model, {1}, 0, 0, logits);
