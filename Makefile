@@ -72,7 +72,7 @@ answers:
 	    $(addprefix build/,$(ANSWER_PRESETS))
 
 fuzz:
-	@scripts/setup.sh lint
+	@scripts/setup.sh fuzz
 	@fuzz/run.sh $(or $(FUZZ_SECONDS),600)
 
 mutate:

@@ -1,7 +1,7 @@
 #!/bin/bash
 # Installs the Debian packages that a task needs and that are missing.
 #
-#   scripts/setup.sh TASK...        TASK: build demo deb test bench models quality lint
+#   scripts/setup.sh TASK...        TASK: build demo deb test bench models quality lint fuzz
 #   scripts/setup.sh --list TASK... print the packages instead
 #
 # Nothing is asked of the network, and nothing needs root, when every package is there already.
@@ -12,6 +12,7 @@ BUILD="cmake g++ libkissfft-dev libsimde-dev ninja-build pkg-config"
 # The host program reads recordings through libsndfile and converts rates with libsoxr.
 DEMO="$BUILD libsndfile1-dev libsoxr-dev libasound2-dev libcli11-dev nlohmann-json3-dev zlib1g-dev"
 LINT="$DEMO libgtest-dev libbenchmark-dev clang clang-tidy clang-format"
+FUZZ="$DEMO libgtest-dev clang libclang-rt-dev llvm"
 # 32-bit ARM under the emulator. libc6-dev of a foreign architecture is not wanted: it conflicts with
 # the cross compiler's own. Native packages that must be of the same version as their foreign twins
 # are named with them, so that apt raises both together.
@@ -50,7 +51,9 @@ for task in "$@"; do
     models) packages="$packages $MODELS" ;;
     quality) packages="$packages $QUALITY" ;;
     lint) packages="$packages $LINT" ;;
-    *) echo "setup: unknown task '$task' (build demo deb test bench models quality lint)" >&2; exit 2 ;;
+    fuzz) packages="$packages $FUZZ" ;;
+    *) echo "setup: unknown task '$task' (build demo deb test bench models quality lint fuzz)" >&2
+       exit 2 ;;
   esac
 done
 packages=$(printf '%s\n' $packages | sort -u)
