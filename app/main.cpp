@@ -5,8 +5,9 @@
 #include "commands.h"
 #include "program.h"
 
-int main(int argc, char** argv) {
-    prepare_process();
+namespace {
+
+int run(int argc, char** argv) {
     CLI::App program(
         "Finds out when people start and stop speaking.\n"
         "dnnvad COMMAND --help tells about a command; man dnnvad about all.",
@@ -36,12 +37,21 @@ int main(int argc, char** argv) {
     }
     try {
         program.parse(argc, argv);
-        claim_output(library_log);
-        const int status = action();
-        finish_output();
-        return status;
     } catch (const CLI::ParseError& error) {
         return program.exit(error) == 0 ? 0 : 2;
+    }
+    claim_output(library_log);
+    const int status = action();
+    finish_output();
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    prepare_process();
+    try {
+        return run(argc, argv);
     } catch (const UsageError& error) {
         std::fprintf(stderr, "dnnvad: %s\n", error.what());
         return 2;

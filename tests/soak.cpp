@@ -194,7 +194,7 @@ void run(const std::string& model, const std::string& recording, double hours, b
         // A clear answer, again and again, and a reset makes all well.
         short silence[160] = {};
         if (host.seconds() * host.rate() < 2147483647.0 - host.rate() ||
-            host.push(silence, 80, nullptr)) {
+            host.push(silence, host.rate() / 100, nullptr)) {
             fail(model + ": refused too early, or not for good");
         }
         Host other(model, speech, resets);
