@@ -19,7 +19,7 @@ declare -A faults=(
   [wav]='app/audio_input.cpp s/channel_ > info_.channels/channel_ > 1024/')
 # search BUILD TARGET SECONDS CORPUS...: says what was found, and in how many executions.
 search() {
-  local options=("-max_total_time=$3" "-artifact_prefix=$1/found/$2-" -print_final_stats=1 -close_fd_mask=1)
+  local options=("-max_total_time=$3" "-artifact_prefix=$1/found/$2-" -print_final_stats=1 -close_fd_mask=3)
   local log=$1/$2.log started=$SECONDS
   [ ! -f "fuzz/$2.dict" ] || options+=("-dict=fuzz/$2.dict")
   mkdir -p "$1/found" "$4"
