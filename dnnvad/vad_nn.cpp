@@ -239,16 +239,20 @@ bool DNN::read_vector(File& file, const char* token, const char* name, float*& v
 }
 
 bool DNN::read_layers(File& file) {
+    // Room for what the file can hold; one that claims more is refused below.
+    const long long left = file.left();
     const auto count = static_cast<std::size_t>(file.parameter_count);
-    file.parameters.reset(static_cast<float*>(std::calloc(count, sizeof(float))));
+    const long long room =
+        left < 0 ? file.parameter_count : std::min<long long>(file.parameter_count, left / 4 + 1);
+    file.parameters.reset(
+        static_cast<float*>(std::calloc(static_cast<std::size_t>(room), sizeof(float))));
     if (file.parameters == nullptr) {
         VAD_ERROR("allocate memory[%d] for net_buf\n", file.parameter_count);
         return false;
     }
     file.read_word(_layer_number);
     assert(_layer_number > 0);
-    const long long left = file.left();
-    const long long claimed = 4LL * _layer_number + 4LL * file.parameter_count;
+    const long long claimed = 4LL + 4LL * _layer_number + 4LL * file.parameter_count;
     if (left >= 0 && left < claimed) {
         VAD_ERROR("corrupted net model file[%s]\n", file.path);
         return false;
