@@ -223,6 +223,25 @@ TEST(NoFile, IsAnswered) {
     expect("endless, too", "/dev/full", kAssertion, "can't read ");
 }
 
+// A pipe has no size to look at first.
+TEST(NoFile, PipesHoldWhatArrives) {
+    const string model = content(kGood);
+    for (const std::size_t missing : {std::size_t{0}, std::size_t{1}}) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        const auto length = static_cast<ssize_t>(model.size() - missing);
+        ASSERT_EQ(write(ends[1], model.data(), model.size() - missing), length);
+        close(ends[1]);
+        const string path = "/proc/self/fd/" + std::to_string(ends[0]);
+        const auto answer =
+            in_child([](const char* name) { return -tz_dnnvad::DNN(nullptr, name).getState(); },
+                     path.c_str());
+        EXPECT_EQ(answer.first, missing == 0 ? -2 : -1);
+        EXPECT_EQ(answer.second.find("corrupted net model") == string::npos, missing == 0);
+        close(ends[0]);
+    }
+}
+
 // What follows each header is nothing, or 4 GB of zeros that take no space on the disk.
 TEST(Giant, CostsLittle) {
     using Sizes = std::vector<std::int32_t>;
