@@ -142,7 +142,7 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
             : open_ended_ ? "its header tells no length, or a wrong one: heard to its end"
                           : format("ends after %.2f s, %.2f s before it should", heard_ / rate(),
                                    (promised_ - heard_) / rate());
-        std::fprintf(stderr, "dnnvad: warning: %s: %s\n", path_.c_str(), what.c_str());
+        print_warning(path_ + ": " + what);
     }
     for (std::size_t f = 0; f < frames; ++f) {
         const float* const all = &block_[f * channels];

@@ -86,8 +86,8 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
                 listener.seconds(), reader.clipped()});
     progress.clear();
     if (reader.clipped() > 0) {
-        std::fprintf(stderr, "dnnvad: warning: %s: %lld samples beyond full scale were clipped\n",
-                     display_name(file).c_str(), reader.clipped());
+        print_warning(format("%s: %lld samples beyond full scale were clipped",
+                             display_name(file).c_str(), reader.clipped()));
     }
     return reporter.count();
 }

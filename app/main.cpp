@@ -31,9 +31,7 @@ int run(int argc, char** argv) {
     if (argc > 1 && *argv[1] != '-' &&
         program.get_subcommands([&](CLI::App* command) { return command->check_name(argv[1]); })
             .empty()) {
-        std::fprintf(stderr, "dnnvad: there is no command '%s'; dnnvad --help lists them\n",
-                     argv[1]);
-        return 2;
+        throw UsageError(format("there is no command '%s'; dnnvad --help lists them", argv[1]));
     }
     try {
         program.parse(argc, argv);

@@ -177,3 +177,7 @@ std::string bundled_file(const std::string& name) {
     const fs::path source = fs::path(DNNVAD_SOURCE_MODELS) / name;
     return (fs::exists(installed, error) ? installed : source).lexically_normal().string();
 }
+
+void print_warning(const std::string& text) {
+    std::fprintf(stderr, "dnnvad: warning: %s\n", text.c_str());
+}

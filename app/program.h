@@ -89,6 +89,9 @@ private:
 // printf into a string.
 std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
 
+// A line of warning on standard error.
+void print_warning(const std::string& text);
+
 // The file that the library ships under `name`: beside the installed program, else in the source tree.
 std::string bundled_file(const std::string& name);
 

@@ -481,13 +481,11 @@ int run(const Options& options) {
         unseen.prompts.size(), taken, unseen.others.size(), lowest - highest, lowest, highest,
         pause, 10 * session->_m_n_head_sil);
     if (seconds < kAdvised) {
-        std::fprintf(stderr,
-                     "dnnvad: warning: %.0f s of speech say little about other voices: "
-                     "give some minutes\n",
-                     seconds);
+        print_warning(
+            format("%.0f s of speech say little about other voices: give some minutes", seconds));
     }
     if (missed > kPoor || taken > kPoor) {
-        std::fprintf(stderr, "dnnvad: warning: this prompt is hard to tell from speech\n");
+        print_warning("this prompt is hard to tell from speech");
     }
     return 0;
 }

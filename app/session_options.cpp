@@ -152,10 +152,10 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
         const bool blank = line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#';
         const bool whole = taken && colon + static_cast<std::size_t>(used) == line.size();
         if (warn && !blank && !whole && texts.count(key) == 0 && ++warnings <= kMostWarnings) {
-            std::fprintf(stderr, "dnnvad: warning: %s: line %d %s\n", path.c_str(), number,
-                         !known  ? "is no PARAM_NAME:value that the session knows"
-                         : taken ? "has more than a number, in frames where it is a time"
-                                 : "has no number");
+            print_warning(format("%s: line %d %s", path.c_str(), number,
+                                 !known  ? "is no PARAM_NAME:value that the session knows"
+                                 : taken ? "has more than a number, in frames where it is a time"
+                                         : "has no number"));
         }
     }
     return keys;
@@ -291,7 +291,7 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
 void warn_of_doubts(const CMFE& session, const SessionOptions& options) {
     const auto warn = [](bool doubt, const char* text, auto left, auto right) {
         if (doubt) {
-            std::fprintf(stderr, "dnnvad: warning: %s\n", format(text, left, right).c_str());
+            print_warning(format(text, left, right));
         }
     };
     const int pause = session._m_n_cfg_max_speech_pause, wait = session._m_n_cfg_max_wait;

@@ -78,9 +78,8 @@ Recording read(const Options& o, const std::string& file) {
     r.samples = read_recording(file, static_cast<int>(session->mfeGetParam(kSampleRate)));
     r.seconds = static_cast<double>(r.samples.size()) / session->mfeGetParam(kSampleRate);
     if (!r.references.empty() && r.references.back().to > r.seconds + kSlack) {
-        std::fprintf(stderr,
-                     "dnnvad: warning: %s: its labels go on to %.2f s, but it ends at %.2f s\n",
-                     file.c_str(), r.references.back().to, r.seconds);
+        print_warning(format("%s: its labels go on to %.2f s, but it ends at %.2f s", file.c_str(),
+                             r.references.back().to, r.seconds));
     }
     while (!r.references.empty() && r.references.back().from >= r.seconds) {
         r.references.pop_back();

@@ -4,6 +4,7 @@
 
 #include <malloc.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
@@ -17,6 +18,15 @@ inline float* aligned_floats(std::size_t count) {
         return nullptr;
     }
     return static_cast<float*>(memalign(16, count * sizeof(float)));
+}
+
+// The same, zeroed.
+inline float* zeroed_aligned_floats(std::size_t count) {
+    float* const floats = aligned_floats(count);
+    if (floats != nullptr) {
+        std::fill_n(floats, count, 0.0F);
+    }
+    return floats;
 }
 
 struct FreeDeleter {

@@ -200,13 +200,13 @@ int CMFE::allocate_frame_buffers() {
         (error = allocate(_m_p_frame_samples, frame_length(), "_m_p_frame_samples")) != 0) {
         return error;
     }
-    _m_p_dst_feature =
-        _m_n_feat_dim < 0 ? nullptr : aligned_floats(static_cast<std::size_t>(_m_n_feat_dim));
+    _m_p_dst_feature = _m_n_feat_dim < 0
+                           ? nullptr
+                           : zeroed_aligned_floats(static_cast<std::size_t>(_m_n_feat_dim));
     if (_m_p_dst_feature == nullptr) {
         VAD_ERROR("_m_p_dst_feature malloc[%lld] Failed\n", 4LL * _m_n_feat_dim);
         return kNoMemory;
     }
-    std::fill_n(_m_p_dst_feature, _m_n_feat_dim, 0.0F);
     return 0;
 }
 

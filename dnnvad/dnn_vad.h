@@ -263,9 +263,9 @@ public:
     // Low-passes and halves `count` samples of 16 kHz PCM from a ring of `capacity` samples into a
     // ring of capacity / 2, in blocks of 80; `out_count` receives count / 2. The filter's state
     // carries over from call to call and is cleared by mfeReset. A last part of a block counts as a
-    // whole one that ends in zeros: 40 samples are written, and the zeros enter the filter. In a call from source position 0
-    // the first 19 samples pass unfiltered. Rounding noise is high: convert rates for listening with
-    // a resampling library. Returns 0.
+    // whole one that ends in zeros: 40 samples are written, and the zeros enter the filter. In a call
+    // from source position 0 the first 19 samples pass unfiltered. Rounding noise is high: convert
+    // rates for listening with a resampling library. Returns 0.
     int down_sample(const short* source, int source_pos, int count, short* destination,
                     int destination_pos, int* out_count, int capacity);
 

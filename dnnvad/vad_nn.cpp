@@ -38,14 +38,6 @@ int parse_int(const char* text, int otherwise) {
     return end == text ? otherwise : saturate_to_int(value);
 }
 
-float* zeroed_aligned_floats(std::size_t count) {
-    float* const floats = aligned_floats(count);
-    if (floats != nullptr) {
-        std::fill_n(floats, count, 0.0F);
-    }
-    return floats;
-}
-
 // The parameters of layers of these sizes; 0 when there are no such layers.
 long long parameters_of(const int* size, int layers) {
     long long total = 0;
@@ -112,7 +104,8 @@ void multiply_rows(const float* A, int stride, const float* x, int length, float
 struct DNN::File {
     const char* path;
     std::unique_ptr<FILE, int (*)(FILE*)> stream;
-    int parameter_count = 0;
+    int parameter_count = 0;        // as the file claims
+    long long used_parameters = 0;  // as its layers need; 0 when they cannot be
     std::unique_ptr<float[], FreeDeleter> parameters;
     char line[kLineBytes] = {};
 
@@ -268,8 +261,9 @@ bool DNN::read_layers(File& file) {
     for (int k = 0; k < _layer_number && file.read_word(_layer_size[k]); ++k) {
     }
     // Parameters that belong to no layer have to be there, but need not be read.
-    const auto used = static_cast<std::size_t>(parameters_of(_layer_size, _layer_number));
-    const std::size_t wanted = left < 0 ? count : std::min(count, used);
+    file.used_parameters = parameters_of(_layer_size, _layer_number);
+    const std::size_t wanted =
+        left < 0 ? count : std::min(count, static_cast<std::size_t>(file.used_parameters));
     if (std::fread(file.parameters.get(), sizeof(float), wanted, file.stream.get()) != wanted) {
         VAD_ERROR("corrupted net model file[%s]\n", file.path);
         return false;
@@ -279,8 +273,8 @@ bool DNN::read_layers(File& file) {
 
 bool DNN::allocate_layers(const File& file) {
     const int transitions = _layer_number - 1;
-    const long long used = parameters_of(_layer_size, _layer_number);
-    const long long limit = std::min<long long>(used, file.parameter_count) + kMaxClaim;
+    const long long limit =
+        std::min<long long>(file.used_parameters, file.parameter_count) + kMaxClaim;
     // One entry more than there are blocks: the destructor walks to the first null.
     for (float*** const table : {&_weights, &_biases}) {
         *table = static_cast<float**>(
