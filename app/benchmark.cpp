@@ -9,6 +9,7 @@
 #include "audio_input.h"
 #include "commands.h"
 #include "json_text.h"
+#include "listener.h"
 #include "memory_count.h"
 #include "program.h"
 #include "session_options.h"
@@ -17,9 +18,8 @@ using nlohmann::ordered_json;
 
 namespace {
 
-constexpr int kTimedOut = 3;  // status
-constexpr int kLoads = 5;     // of a model, the median of which is told
-constexpr int kWarmUp = 50;   // frames that are not measured
+constexpr int kLoads = 5;    // of a model, the median of which is told
+constexpr int kWarmUp = 50;  // frames that are not measured
 
 struct Options {
     std::string recording, format = "table";

@@ -11,13 +11,9 @@ using tz_dnnvad::CMFE;
 
 namespace {
 
-constexpr double kFrameSeconds = 0.01;
-constexpr int kFirstSpeechClass = 3, kClasses = 9;
 constexpr int kCounterFull = -118;  // the session has counted to 2^31 samples
 constexpr int kSpeechTail = 40;  // frames after the last one judged speech that may still sound so
 constexpr double kFullScale = 32768.0;
-
-enum Status { kNotStarted = 0, kTimedOut = 3, kEnded = 6 };
 
 }  // namespace
 
@@ -40,11 +36,6 @@ Listener::Listener(CMFE& session, Watcher& watcher)
 int Listener::push(const short* samples, int count) {
     const int status = step(samples, count);
     heard_ += count;
-    int peak = 0;
-    for (int k = 0; k < count; ++k) {
-        peak = std::max(peak, std::abs(static_cast<int>(samples[k])));
-    }
-    peaks_.push_back(peak);
     // Beside an open utterance only the margin before the next one may still be asked for.
     const int margin = std::max(0, session_._m_n_start_back_frame);
     history_.insert(history_.end(), samples, samples + count);
@@ -52,11 +43,6 @@ int Listener::push(const short* samples, int count) {
     history_.erase(history_.begin(),
                    history_.begin() + static_cast<std::ptrdiff_t>(std::max(0LL, excess)));
     follow(status);
-    const long long kept = 100LL + margin + 2LL * session_._m_n_cfg_max_wait;
-    while (!open_ && static_cast<long long>(peaks_.size()) > kept) {
-        peaks_.pop_front();
-        ++first_peak_;
-    }
     return status;
 }
 
@@ -70,8 +56,8 @@ void Listener::push_all(const std::vector<short>& samples) {
 int Listener::finish() {
     session_.mfeSendData(nullptr, 0);
     const int status = session_.mfeDNNDetect();
-    hand_out();
     open_new();
+    hand_out();
     if (open_) {
         close("end of input");
     }
@@ -108,8 +94,12 @@ void Listener::hand_out() {
     int bytes = 0;
     session_.mfeGetCallbackData(reinterpret_cast<char*>(out_.data()), &bytes,
                                 static_cast<int>(out_.size() * sizeof(short)));
-    if (bytes > 0 && open_) {
-        watcher_.audio(out_.data(), bytes / static_cast<int>(sizeof(short)));
+    const int count = bytes / static_cast<int>(sizeof(short));
+    if (count > 0 && open_) {
+        for (int k = 0; k < count; ++k) {
+            peak_ = std::max(peak_, std::abs(static_cast<int>(out_[static_cast<std::size_t>(k)])));
+        }
+        watcher_.audio(out_.data(), count);
     }
 }
 
@@ -147,6 +137,7 @@ void Listener::reset(double origin) {
 void Listener::open_new() {
     if (session_._m_v_segments.size() > reported_ && !open_) {
         open_ = true;
+        peak_ = 1;
         watcher_.began(describe(""));
     }
 }
@@ -192,12 +183,6 @@ Utterance Listener::describe(const char* reason) const {
     const bool going_on = *reason == '\0';
     const int end = going_on || record.end < 0 ? session_._m_n_cur_frame : record.end;
     const int last = record.last_speech < 0 ? session_._m_n_last_speech : record.last_speech;
-    const long long base = std::llround(origin_ / chunk_) - first_peak_;
-    int peak = 1;
-    for (long long k = std::max(0LL, base + record.start);
-         k <= base + end && k < static_cast<long long>(peaks_.size()); ++k) {
-        peak = std::max(peak, peaks_[static_cast<std::size_t>(k)]);
-    }
     const int length = last - record.speech_start;
     return {time(record.start),
             std::min(time(end), seconds()),
@@ -205,7 +190,7 @@ Utterance Listener::describe(const char* reason) const {
             time(last),
             seconds(),
             reason,
-            20 * std::log10(peak / kFullScale),
+            20 * std::log10(peak_ / kFullScale),
             length<session_._m_n_min_sp_duration, length> session_._m_n_max_sp_duration};
 }
 

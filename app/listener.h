@@ -12,6 +12,14 @@
 
 #include "dnnvad/dnn_vad.h"
 
+constexpr double kFrameSeconds = 0.01;
+constexpr int kClasses = 9, kFirstSpeechClass = 3;  // of the network
+
+// Statuses of a session and states of a frame (dnn_vad.h) that the program tells apart.
+enum Status { kNotStarted = 0, kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
+enum FrameState { kSilence = 2, kNotBegin = 4 };
+inline bool is_speech(int state) { return state != kSilence && state < kNotBegin; }
+
 // Times are seconds from the start of the stream.
 struct Utterance {
     double start;         // with the margin before speech
@@ -20,7 +28,7 @@ struct Utterance {
     double last_speech;   // last frame judged speech
     double decided;       // how much of the stream had been heard when it was decided
     const char* reason;   // why it ended: "pause", "time-out", "end of input"; "" while it goes on
-    double peak;          // level of its loudest sample, dB full scale
+    double peak;          // level of its loudest sample handed out so far, dB full scale
     bool under_minimum;   // speech shorter than min_sp_duration
     bool over_maximum;    // speech longer than max_sp_duration
 };
@@ -89,8 +97,7 @@ private:
     bool replaying_ = false;
     std::vector<short> out_;     // what the session hands out at once
     std::deque<short> history_;  // the latest samples, as many as the margin before speech
-    std::deque<int> peaks_;      // loudest sample of each chunk from first_peak_ on
-    long long first_peak_ = 0;
+    int peak_ = 0;               // loudest sample handed out of the open utterance
 };
 
 // The smoother's score of the frame that the session scored last.

@@ -28,8 +28,6 @@ constexpr int kNoiseFrames = 100;               // time constant of the noise fl
 constexpr int kShownFrames = 50;                // a time-out lasts one frame, but stays readable
 constexpr int kBarCells = 12;                   // of the level meter
 constexpr double kBarDb = -60, kFloorDb = -96;  // where the meter's bar begins; digital silence
-constexpr int kSilence = 2;                     // state of a frame: silence after silence
-constexpr int kSpeaking = 1, kTimedOut = 3;     // statuses of a session
 constexpr char kClearLine[] = "\r\033[K";
 constexpr const char* kStatusNames[] = {"not started", "speaking", "pause", "time-out",
                                         "too short",   "too long", "ended"};
@@ -70,19 +68,8 @@ public:
         ++utterances_;
         const std::string cut = cutter_.keep();
         const long late = std::lround(1000 * (u.decided - u.last_speech));
-        Json event{{"type", "ended"},
-                   {"time", hundredths(u.decided)},
-                   {"start", hundredths(u.start)},
-                   {"end", hundredths(u.end)},
-                   {"first_speech", hundredths(u.speech_start)},
-                   {"last_speech", hundredths(u.last_speech)},
-                   {"ended_by", u.reason},
-                   {"latency_ms", late},
-                   {"under_minimum", u.under_minimum},
-                   {"over_maximum", u.over_maximum}};
-        if (!cut.empty()) {
-            event["cut"] = cut;
-        }
+        Json event{{"type", "ended"}, {"time", hundredths(u.decided)}, {"latency_ms", late}};
+        event.update(utterance_json(u, cut));
         say(event, format("utterance from %.2f to %.2f, ended by %s, last speech %ld ms ago%s%s",
                           u.start, u.end, u.reason, late, cut.empty() ? "" : "  ", cut.c_str()));
     }

@@ -27,13 +27,11 @@ namespace {
 using Bytes = std::vector<unsigned char>;
 using Json = nlohmann::ordered_json;
 
-constexpr std::size_t kClasses = 9;
 constexpr std::size_t kLargestPage = 10'000'000;   // bytes
 constexpr std::size_t kLongestPage = 6 * 360'000;  // frames; one hour of much speech takes 9 MB
 constexpr char kTooLong[] = "too long for a page of 10 MB; cut it, or draw an .svg";
 constexpr double kFloor = 0.15,
-                 kCeiling = 0.998;             // shares of the cells that are white, not yet dark
-constexpr int kNotStarted = 0, kTimedOut = 3;  // status
+                 kCeiling = 0.998;  // shares of the cells that are white, not yet dark
 constexpr int kGated = 6,
               kUnscored = 7;  // states beyond the library's: the energy detector's, nobody's
 
@@ -147,7 +145,7 @@ private:
 // What is kept of every 10 ms, 16 bits each: the samples' extremes + 32768; the score in thousandths;
 // silence since speech or the session's begin and the limits that end an utterance or time out, in
 // frames; state and status; posteriors in percent. plot.html reads them in this order.
-enum Track { kLow, kHigh, kScore, kSilence, kPause, kTimeOut, kState, kStatus, kPosterior };
+enum Track { kLow, kHigh, kScore, kQuiet, kPause, kTimeOut, kState, kStatus, kPosterior };
 constexpr std::size_t kTracks = kPosterior + kClasses;
 
 // A recording as its session heard it.
@@ -189,7 +187,7 @@ public:
         }
         const int last = session_._m_n_last_speech;  // 0: none yet
         set(kScore, n, 1000 * static_cast<double>(f.score));
-        set(kSilence, n, static_cast<double>(f.number - origin_ - last));
+        set(kQuiet, n, static_cast<double>(f.number - origin_ - last));
         set(kPause, n, f.pause_limit);
         set(kTimeOut, n, last != 0 ? session_._m_n_max_wait : session_._m_n_head_sil);
         set(kState, n, gated ? kGated : f.state);
@@ -203,7 +201,7 @@ public:
     void finish() {
         spectrogram.add(session_, frames() - 1, true);
         for (std::size_t n = 1; n < frames(); ++n) {
-            for (const int track : {kScore, kSilence, kPause, kTimeOut, kStatus}) {
+            for (const int track : {kScore, kQuiet, kPause, kTimeOut, kStatus}) {
                 set(track, n, at(track, at(kState, n) == kUnscored ? n - 1 : n));
             }
         }
@@ -458,9 +456,7 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
     // Runs of speech; of what is shorter than a pixel only as much as can be seen.
     double drawn = -1;
     for (std::size_t n = 0, end; n < story.frames(); n = end) {
-        const auto speech = [&](std::size_t f) {
-            return story.at(kState, f) != 2 && story.at(kState, f) < 4;
-        };
+        const auto speech = [&](std::size_t f) { return is_speech(story.at(kState, f)); };
         for (end = n + 1; end < story.frames() && speech(end) == speech(n);) {
             ++end;
         }

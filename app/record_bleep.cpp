@@ -36,8 +36,6 @@ constexpr double kPoor = 5;          // per cent of failures
 constexpr int kShortestWord = 20, kLongestWord = 90;  // frames
 constexpr int kVariants = 4;                          // of a word at most
 
-enum Status { kSpeaking = 1, kTimedOut = 3, kEnded = 6 };
-
 struct Options {
     std::string prompt, output;
     std::vector<std::string> speech;
@@ -146,9 +144,8 @@ Heard listen(CMFE& session, const std::vector<short>& samples) {
 class Marks : public Watcher {
 public:
     void frame(const Frame& f) override {
-        constexpr int kSilence = 2, kNotBegin = 4;
         speech.resize(std::max(speech.size(), static_cast<std::size_t>(f.number) + 1));
-        speech[static_cast<std::size_t>(f.number)] = f.state != kSilence && f.state < kNotBegin;
+        speech[static_cast<std::size_t>(f.number)] = is_speech(f.state);
     }
     std::vector<bool> speech;
 };

@@ -7,7 +7,6 @@
 
 namespace {
 
-constexpr double kFrameSeconds = 0.01;
 constexpr double kLateStart = 0.02;  // seconds: more of the onset lost is clipped
 constexpr double kEarlyEnd = 0.1;    // seconds: more of the end lost is cut off
 

@@ -8,9 +8,6 @@
 
 namespace {
 
-// A frame's last moment: the frame judged speech last still belongs to the speech.
-constexpr double kFrameSeconds = 0.01;
-
 std::string remark(const Utterance& u) {
     return u.under_minimum ? "under the minimum" : u.over_maximum ? "over the maximum" : "";
 }
@@ -36,21 +33,8 @@ class JsonWriter : public SegmentWriter {
 public:
     explicit JsonWriter(FILE* stream) : SegmentWriter(stream) {}
     void utterance(const std::string& file, const Utterance& u, const std::string& cut) override {
-        nlohmann::ordered_json line{{"type", "utterance"},
-                                    {"file", file},
-                                    {"start", hundredths(u.start)},
-                                    {"end", hundredths(u.end)},
-                                    {"first_speech", hundredths(u.speech_start)},
-                                    {"last_speech", hundredths(u.last_speech)},
-                                    {"duration", hundredths(u.end - u.start)},
-                                    {"decided", hundredths(u.decided)},
-                                    {"peak_dbfs", hundredths(u.peak)},
-                                    {"ended_by", u.reason},
-                                    {"under_minimum", u.under_minimum},
-                                    {"over_maximum", u.over_maximum}};
-        if (!cut.empty()) {
-            line["cut"] = cut;
-        }
+        nlohmann::ordered_json line{{"type", "utterance"}, {"file", file}};
+        line.update(utterance_json(u, cut));
         write(line);
     }
     void end(const RecordingSummary& s) override {
