@@ -3,37 +3,21 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
 #include "test_support.h"
+#include "tests/source_files.h"
 
 namespace {
 
 using namespace tz_dnnvad;
+using test::read_wav;
+using test::source;
 using Samples = std::vector<short>;
-
-std::string source(const std::string& path) { return DNNVAD_SOURCE_DIR "/" + path; }
-
-Samples read_wav(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string data((std::istreambuf_iterator<char>(file)),
-                           std::istreambuf_iterator<char>());
-    const std::size_t at = data.find("data");
-    if (at == std::string::npos) {
-        ADD_FAILURE() << path << " is no recording";
-        return {};
-    }
-    Samples samples((data.size() - at - 8) / 2);
-    std::memcpy(samples.data(), &data[at + 8], samples.size() * 2);
-    return samples;
-}
 
 // A model, its template and prompt, and a recording from which quiet and speech are cut (seconds).
 struct Bundle {

@@ -12,14 +12,7 @@
 namespace {
 
 using Samples = std::vector<short>;
-
-Samples read_wav(const std::string& path) {
-    const std::string data = test::read_file(path);
-    const std::size_t at = data.find("data") + 8;
-    Samples samples((data.size() - at) / 2);
-    std::memcpy(samples.data(), &data[at], 2 * samples.size());
-    return samples;
-}
+using test::read_wav;
 
 std::string bytes(const Samples& samples) {
     return {reinterpret_cast<const char*>(samples.data()), 2 * samples.size()};

@@ -12,6 +12,7 @@
 namespace {
 
 using test::read_file;
+using test::read_wav;
 using test::run;
 using test::source;
 
@@ -43,25 +44,8 @@ std::vector<Line> table(const std::string& output) {
 }
 
 std::vector<nlohmann::json> utterances(const std::string& output) {
-    std::vector<nlohmann::json> found;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        found.push_back(nlohmann::json::parse(line));
-    }
-    EXPECT_FALSE(found.empty());
-    EXPECT_EQ(found.back()["type"], "recording");
-    found.pop_back();
-    return found;
-}
-
-std::vector<short> samples_of(const std::string& path) {
-    SF_INFO info{};
-    SNDFILE* const file = sf_open(path.c_str(), SFM_READ, &info);
-    EXPECT_NE(file, nullptr) << path;
-    std::vector<short> samples(static_cast<std::size_t>(info.frames * info.channels));
-    sf_readf_short(file, samples.data(), info.frames);
-    sf_close(file);
-    return samples;
+    EXPECT_EQ(test::json_lines(output, "recording").size(), 1U);
+    return test::json_lines(output, "utterance");
 }
 
 // A recording in another form: `channels` copies of `samples`, each with its own gain.
@@ -107,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(Samples, Recording, testing::Values("roadsigns-8k", "st
 
 TEST(Detect, FindsTheSameWhateverTheAudioComesIn) {
     const std::string expected = run("dnnvad detect " + kRoadsigns).output;
-    const std::vector<short> samples = samples_of(kRoadsigns);
+    const std::vector<short> samples = read_wav(kRoadsigns);
     const test::TempFile other(""), raw("");
     EXPECT_EQ(run("cat " + kRoadsigns + " | dnnvad detect -").output, expected);
     // Its header left off; the last chunk of a file may be short.
@@ -127,7 +111,7 @@ TEST(Detect, ConvertsRatesAndCountsWhatIsClipped) {
     const test::TempFile other("");
     // Played at 96 kHz, 16 kHz audio is six times too fast for speech; so every sample comes six times.
     std::vector<short> slow;
-    for (const short sample : samples_of(kStream)) {
+    for (const short sample : read_wav(kStream)) {
         slow.insert(slow.end(), 6, sample);
     }
     write_sound(other.path(), slow, 96000, SF_FORMAT_WAV | SF_FORMAT_PCM_24,
@@ -211,12 +195,12 @@ TEST(Detect, WritesATextGridWhoseIntervalsTileTheRecording) {
 TEST(Detect, CutsWhatTheSessionHandsOut) {
     const test::TempDir folder;
     const std::string command = "dnnvad detect -f json --cut " + folder.path() + "/cut " + kStream;
-    const std::vector<short> whole = samples_of(kStream);
+    const std::vector<short> whole = read_wav(kStream);
     for (const char* const margin : {"", " --margin 0.2s"}) {
         const std::vector<nlohmann::json> found = utterances(run(command + margin).output);
         ASSERT_EQ(found.size(), 2U);
         for (const nlohmann::json& u : found) {
-            const std::vector<short> cut = samples_of(u["cut"]);
+            const std::vector<short> cut = read_wav(u["cut"]);
             const auto begin =
                 whole.begin() + static_cast<int>(std::lround(u["start"].get<double>() * 16000));
             EXPECT_TRUE(std::equal(cut.begin(), cut.end(), begin));
@@ -268,7 +252,7 @@ TEST(Detect, TakesParametersFromFileAndByName) {
 // Speech again at the very moment at which the session is reset after its time-out: the margin before
 // it is there all the same, and nothing is reported twice.
 TEST(Detect, ListensOnAfterTimeOuts) {
-    const std::vector<short> all = samples_of(kRoadsigns);
+    const std::vector<short> all = read_wav(kRoadsigns);
     const std::vector<Line> rows = table(run("dnnvad detect " + kRoadsigns).output);
     const auto sample = [](double seconds) { return static_cast<std::ptrdiff_t>(seconds * 8000); };
     const std::vector<short> word(all.begin() + sample(rows[0].start),

@@ -11,6 +11,7 @@
 
 namespace {
 
+using test::json_lines;
 using test::read_file;
 using test::source;
 using Json = nlohmann::json;
@@ -46,26 +47,14 @@ private:
     test::TempFile file_, config_;
 };
 
-std::vector<Json> events(const std::string& output, const std::string& type) {
-    std::vector<Json> found;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        const Json event = Json::parse(line, nullptr, false);
-        EXPECT_TRUE(event.is_object()) << line;
-        if (event.is_object() && event["type"] == type) {
-            found.push_back(event);
-        }
-    }
-    return found;
-}
-
 TEST(Live, HearsWhatWasMarkedByHand) {
     for (const auto& [recording, rate] :
          {std::pair("roadsigns-8k", "8000"), {"stream-16k", "16000"}}) {
         const std::string command = "dnnvad live -D mic -f json --seconds 21 2>&1 --rate ";
         const test::Result result = Devices(samples_of(recording)).run(command + rate);
         EXPECT_EQ(result.status, 0);
-        const auto began = events(result.output, "began"), ended = events(result.output, "ended");
+        const auto began = json_lines(result.output, "began"),
+                   ended = json_lines(result.output, "ended");
         std::ifstream marks(source("samples/") + recording + ".txt");
         std::size_t count = 0;
         for (double from, to; marks >> from >> to; ++count) {
@@ -76,7 +65,7 @@ TEST(Live, HearsWhatWasMarkedByHand) {
         }
         EXPECT_GT(count, 0U);
         EXPECT_EQ(ended.size(), count);
-        EXPECT_LE(events(result.output, "time-out").size(), count + 1);  // (one a silence)
+        EXPECT_LE(json_lines(result.output, "time-out").size(), count + 1);  // (one a silence)
     }
 }
 
@@ -126,7 +115,7 @@ TEST(Live, KeepsTheUtteranceInWhichItIsStopped) {
                         " $!; "
                         "exec 3>&-; wait $!; s=$?; cat $f.out; rm $f.out; exit $s");
         EXPECT_EQ(result.status, 0);
-        const std::vector<Json> ended = events(result.output, "ended");
+        const std::vector<Json> ended = json_lines(result.output, "ended");
         ASSERT_EQ(ended.size(), 1U) << result.output;
         EXPECT_EQ(ended[0]["ended_by"], "end of input");
         EXPECT_NEAR(ended[0]["last_speech"], 4, 1.3);  // (up to 2 s may have been left in the pipe)

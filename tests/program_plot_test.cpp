@@ -37,16 +37,13 @@ TEST_F(Plot, HoldsWhatDetectFindsAndWhatIsNotUsual) {
     ASSERT_EQ(run("dnnvad plot -o " + at("a.svg") + " --title '</script>&\xff'" + options).status,
               0);
     const nlohmann::json all = facts(read_file(at("a.html")));
-    std::istringstream lines(run("dnnvad detect -f json" + options).output);
     std::size_t count = 0;
-    for (std::string line; std::getline(lines, line);) {
-        const nlohmann::json u = nlohmann::json::parse(line);
-        if (u["type"] == "utterance") {
-            const nlohmann::json& segment = all["segments"].at(count++);
-            EXPECT_NEAR(segment["start"], u["start"], 1e-6);
-            EXPECT_NEAR(segment["last"], u["last_speech"], 1e-6);
-            EXPECT_EQ(segment["reason"], u["ended_by"]);
-        }
+    for (const auto& u :
+         test::json_lines(run("dnnvad detect -f json" + options).output, "utterance")) {
+        const nlohmann::json& segment = all["segments"].at(count++);
+        EXPECT_NEAR(segment["start"], u["start"], 1e-6);
+        EXPECT_NEAR(segment["last"], u["last_speech"], 1e-6);
+        EXPECT_EQ(segment["reason"], u["ended_by"]);
     }
     EXPECT_GT(count, 3U);
     EXPECT_EQ(all["segments"].size(), count);

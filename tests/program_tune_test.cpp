@@ -46,14 +46,12 @@ protected:
 
 TEST_F(Tune, MeasuresWhatDetectHears) {
     std::vector<double> delays, ends{3.82, 8.14, 12.07, 8.88, 17.78};
-    std::istringstream heard(run("dnnvad detect -f json " + kRecordings).output);
-    for (std::string line; std::getline(heard, line);) {
-        if (const json utterance = json::parse(line); utterance["type"] == "utterance") {
-            ASSERT_LT(delays.size(), ends.size());
-            delays.push_back(1000 * (utterance["decided"].get<double>() - ends[delays.size()]));
-        }
+    const auto heard =
+        test::json_lines(run("dnnvad detect -f json " + kRecordings).output, "utterance");
+    ASSERT_EQ(heard.size(), ends.size());
+    for (const json& utterance : heard) {
+        delays.push_back(1000 * (utterance["decided"].get<double>() - ends[delays.size()]));
     }
-    ASSERT_EQ(delays.size(), ends.size());
     std::sort(delays.begin(), delays.end());
     const json all = json::parse(
         run("dnnvad tune -f json --labels " + source("samples") + kOne + kRecordings).output);

@@ -6,9 +6,12 @@
 
 #include <cstdarg>
 #include <cstdio>
-#include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "tests/source_files.h"
 
 namespace test {
 
@@ -30,9 +33,6 @@ inline Result run(const std::string& command) {
     return result;
 }
 
-// A file of the source tree.
-inline std::string source(const std::string& path) { return DNNVAD_SOURCE_DIR "/" + path; }
-
 inline std::string format(const char* pattern, ...) __attribute__((format(printf, 1, 2)));
 inline std::string format(const char* pattern, ...) {
     char text[1024];
@@ -43,10 +43,17 @@ inline std::string format(const char* pattern, ...) {
     return text;
 }
 
-inline std::string read_file(const std::string& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
+// Of lines of JSON objects those with this "type".
+inline std::vector<nlohmann::json> json_lines(const std::string& output, const std::string& type) {
+    std::vector<nlohmann::json> found;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        const auto object = nlohmann::json::parse(line);
+        if (object["type"] == type) {
+            found.push_back(object);
+        }
+    }
+    return found;
 }
 
 }  // namespace test

@@ -11,34 +11,21 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
-#include <iterator>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
+#include "tests/source_files.h"
 
 namespace {
 
-constexpr int kRateId = 13, kRefused = -118, kTimedOut = 3, kWavHeader = 44;
+constexpr int kRateId = 13, kRefused = -118, kTimedOut = 3;
 constexpr double kPhraseSeconds = 5, kSettledSeconds = 60;
 
 [[noreturn]] void fail(const std::string& what) {
     std::fprintf(stderr, "soak: %s\n", what.c_str());
     std::exit(1);
-}
-
-std::vector<short> read_samples(const std::string& name) {
-    std::ifstream file(DNNVAD_SOURCE_DIR "/samples/" + name, std::ios::binary);
-    const std::vector<char> bytes{std::istreambuf_iterator<char>(file), {}};
-    if (bytes.size() <= kWavHeader) {
-        fail("no recording " + name);
-    }
-    std::vector<short> samples((bytes.size() - kWavHeader) / sizeof(short));
-    std::memcpy(samples.data(), bytes.data() + kWavHeader, samples.size() * sizeof(short));
-    return samples;
 }
 
 // What a session says of audio, as one number (FNV-1a).
@@ -159,7 +146,7 @@ std::size_t heap(tz_dnnvad::CMFE& session) {
 }
 
 void run(const std::string& model, const std::string& recording, double hours, bool resets) {
-    const std::vector<short> speech = read_samples(recording);
+    const std::vector<short> speech = test::read_wav(test::source("samples/" + recording));
     Host host(model, speech, resets);
     const unsigned long long first = resets ? host.test_phrase() : 0;
     std::size_t settled = 0;
