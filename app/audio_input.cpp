@@ -14,8 +14,7 @@
 namespace {
 
 constexpr float kFullScale = 32768.0F;
-constexpr std::size_t kBlock =
-    160;  // frames read at once: what is spoken into a pipe is not delayed
+constexpr std::size_t kBlock = 160;  // frames converted at once: what is spoken is not delayed
 constexpr sf_count_t kMostFrames = 1000000000000000;  // what claims more does not know
 constexpr int kLeastRate = 1000, kMostRate = 384000;  // Hz
 
@@ -129,6 +128,9 @@ double AudioInput::share() const {
 std::size_t AudioInput::read(float* samples, std::size_t count) {
     const auto channels = static_cast<std::size_t>(info_.channels);
     block_.resize(count * channels);
+    if (ended_) {
+        return 0;
+    }
     const sf_count_t got =
         sf_readf_float(sound_.get(), block_.data(), static_cast<sf_count_t>(count));
     if (sf_error(sound_.get()) != SF_ERR_NO_ERROR) {
@@ -136,7 +138,8 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
     }
     const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
     heard_ += static_cast<double>(frames);
-    if (frames < count && stopping == 0 && (heard_ == 0 || open_ended_ || heard_ < promised_)) {
+    ended_ = frames < count;
+    if (ended_ && stopping == 0 && (heard_ == 0 || open_ended_ || heard_ < promised_)) {
         const std::string what =
             heard_ == 0   ? "holds no samples"
             : open_ended_ ? "its header tells no length, or a wrong one: heard to its end"
@@ -166,57 +169,40 @@ PcmReader::PcmReader(AudioInput& input, int rate) : input_(input) {
         if (error != nullptr) {
             throw Failure(format("%d Hz", input.rate()), error);
         }
-    }
-}
-
-// Fills `out_`; it stays empty at the end of the input.
-void PcmReader::fill() {
-    first_ = 0;
-    out_.clear();
-    while (out_.empty() && !ended_) {
         in_.resize(kBlock);
-        in_.resize(input_.read(in_.data(), kBlock));
-        ended_ = in_.size() < kBlock;
-        if (resampler_ == nullptr) {
-            out_.swap(in_);
-            continue;
-        }
-        convert(in_.data(), in_.size());
-        if (ended_) {
-            convert(nullptr, 0);  // what the converter still holds
-        }
+        soxr_set_input_fn(resampler_.get(), supply, this, kBlock);
     }
 }
 
-void PcmReader::convert(const float* samples, std::size_t count) {
-    std::size_t done = 0, produced = 0;
-    do {
-        std::size_t used = 0;
-        soxr_process(resampler_.get(), samples == nullptr ? nullptr : samples + done, count - done,
-                     &used, piece_.data(), piece_.size(), &produced);
-        done += used;
-        out_.insert(out_.end(), piece_.begin(),
-                    piece_.begin() + static_cast<std::ptrdiff_t>(produced));
-    } while (done < count || produced == piece_.size());
+// The converter's input. Nothing may be thrown through it.
+std::size_t PcmReader::supply(void* reader, soxr_cbuf_t* samples, std::size_t count) {
+    auto& self = *static_cast<PcmReader*>(reader);
+    *samples = self.in_.data();
+    try {
+        return self.input_.read(self.in_.data(), std::min(count, kBlock));
+    } catch (...) {
+        self.failure_ = std::current_exception();
+        return 0;
+    }
 }
 
 std::size_t PcmReader::read(short* samples, std::size_t count) {
-    std::size_t done = 0;
-    while (done < count) {
-        if (first_ == out_.size()) {
-            fill();
-            if (out_.empty()) {
-                break;
-            }
-        }
-        const float scaled = out_[first_++] * kFullScale;
+    out_.resize(count);
+    const std::size_t got = resampler_ == nullptr
+                                ? input_.read(out_.data(), count)
+                                : soxr_output(resampler_.get(), out_.data(), count);
+    if (failure_ != nullptr) {
+        std::rethrow_exception(failure_);
+    }
+    for (std::size_t k = 0; k < got; ++k) {
+        const float scaled = out_[k] * kFullScale;
         // (what is no number becomes silence)
         const float rounded = scaled == scaled ? std::nearbyintf(scaled) : 0.0F;
         const float limited = std::clamp(rounded, -kFullScale, kFullScale - 1.0F);
         clipped_ += limited != rounded;
-        samples[done++] = static_cast<short>(limited);
+        samples[k] = static_cast<short>(limited);
     }
-    return done;
+    return got;
 }
 
 std::vector<short> read_recording(const std::string& path, int rate) {

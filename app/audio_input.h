@@ -6,6 +6,7 @@
 #include <soxr.h>
 
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -48,6 +49,7 @@ private:
     double heard_ = 0,
            promised_ = 0;      // frames: read, and claimed by the header if that may be right
     bool open_ended_ = false;  // it may not, and is that of a file
+    bool ended_ = false;
 };
 
 // Converts an input to `rate` Hz and 16 bits. What is beyond full scale is clipped and counted.
@@ -59,15 +61,12 @@ public:
     long long clipped() const { return clipped_; }        // samples so far
 
 private:
-    void fill();
-    void convert(const float* samples, std::size_t count);
+    static std::size_t supply(void* reader, soxr_cbuf_t* samples, std::size_t count);
 
     AudioInput& input_;
     std::unique_ptr<soxr, void (*)(soxr*)> resampler_{nullptr, soxr_delete};
-    std::vector<float> in_, out_;                          // a block before and after conversion
-    std::vector<float> piece_ = std::vector<float>(4096);  // what the converter gives at once
-    std::size_t first_ = 0;                                // sample of `out_` that comes next
-    bool ended_ = false;
+    std::vector<float> in_, out_;  // before and after conversion
+    std::exception_ptr failure_;   // of the input while the converter asked for more
     long long clipped_ = 0;
 };
 
