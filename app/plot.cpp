@@ -229,16 +229,8 @@ private:
         tracks[static_cast<std::size_t>(track)][n] = static_cast<std::uint16_t>(whole);
     }
     void add(const char* kind, const Utterance& u) {
-        segments.push_back({{"kind", kind},
-                            {"start", u.start},
-                            {"end", u.end},
-                            {"speech", u.speech_start},
-                            {"last", u.last_speech},
-                            {"decided", u.decided},
-                            {"reason", u.reason},
-                            {"peak", u.peak},
-                            {"under", u.under_minimum},
-                            {"over", u.over_maximum}});
+        segments.push_back({{"kind", kind}});
+        segments.back().update(utterance_json(u, ""));
     }
 
     CMFE& session_;
@@ -417,11 +409,12 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
     }
     for (const Json& s : story.segments) {
         const bool kept = s["kind"] == "utterance";
-        const double speech = s["speech"], last = s["last"].get<double>() + 0.01;
+        const double speech = s["first_speech"],
+                     last = s["last_speech"].get<double>() + kFrameSeconds;
         rect(s["start"], s["end"], 66, 346, "fill=\"#0d9488\" fill-opacity=\".09\"");
         rect(s["start"], s["end"], 66, 22, kept ? "fill=\"#99d8d0\"" : "fill=\"#dfe3e8\"");
         rect(speech, last, 66, 22, kept ? "fill=\"#0f766e\"" : "fill=\"#9aa5b1\"");
-        const std::string why = s[kept ? "reason" : "kind"],
+        const std::string why = s[kept ? "ended_by" : "kind"],
                           words = (kept ? "ended by " : "") + why;
         if (x(last) - x(speech) > 7.0 * static_cast<double>(words.size())) {
             text((x(speech) + x(last)) / 2, 81, "text-anchor=\"middle\" fill=\"#fff\"", words);

@@ -41,9 +41,9 @@ TEST_F(Plot, HoldsWhatDetectFindsAndWhatIsNotUsual) {
     for (const auto& u :
          test::json_lines(run("dnnvad detect -f json" + options).output, "utterance")) {
         const nlohmann::json& segment = all["segments"].at(count++);
-        EXPECT_NEAR(segment["start"], u["start"], 1e-6);
-        EXPECT_NEAR(segment["last"], u["last_speech"], 1e-6);
-        EXPECT_EQ(segment["reason"], u["ended_by"]);
+        for (const auto& [key, value] : u.items()) {
+            EXPECT_TRUE(key == "type" || key == "file" || segment.at(key) == value) << key;
+        }
     }
     EXPECT_GT(count, 3U);
     EXPECT_EQ(all["segments"].size(), count);
