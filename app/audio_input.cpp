@@ -16,6 +16,7 @@ namespace {
 constexpr float kFullScale = 32768.0F;
 constexpr std::size_t kBlock = 160;  // frames converted at once: what is spoken is not delayed
 constexpr sf_count_t kMostFrames = 1000000000000000;  // what claims more does not know
+constexpr char kPipe[] = " (WAV can come through a pipe, some formats cannot)";
 constexpr int kLeastRate = 1000, kMostRate = 384000;  // Hz
 
 // By descriptor, which is closed with it unless it is standard input, or by name if there is none: some
@@ -35,7 +36,7 @@ SoundFile open_sound(const std::string& path, int mode, SF_INFO& info, int descr
         std::string why =
             sf_error(nullptr) == SF_ERR_SYSTEM ? std::strerror(errno) : sf_strerror(nullptr);
         why.erase(why.find_last_not_of(" .\n") + 1);
-        throw Failure(path, why);
+        throw Failure(path, why + (named ? "" : kPipe));
     }
     return file;
 }
@@ -112,7 +113,8 @@ AudioInput::AudioInput(const std::string& path, const AudioOptions& options)
     }
     sound_ = open_sound(path_, SFM_READ, info_, descriptor_);
     if (rate() < kLeastRate || rate() > kMostRate) {
-        throw Failure(path_, format("has a sample rate of %d Hz", rate()));
+        throw Failure(path_, format("has a sample rate of %d Hz, not %d to %d", rate(), kLeastRate,
+                                    kMostRate));
     }
     look_behind_header(about.st_size);
     if (channel_ > info_.channels) {
@@ -134,7 +136,8 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
     const sf_count_t got =
         sf_readf_float(sound_.get(), block_.data(), static_cast<sf_count_t>(count));
     if (sf_error(sound_.get()) != SF_ERR_NO_ERROR) {
-        throw Failure(path_, sf_strerror(sound_.get()));
+        const bool pipe = lseek(descriptor_, 0, SEEK_CUR) < 0;
+        throw Failure(path_, std::string(sf_strerror(sound_.get())) + (pipe ? kPipe : ""));
     }
     const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
     heard_ += static_cast<double>(frames);

@@ -20,7 +20,8 @@ Capture::Capture(const std::string& device, int rate, const volatile std::sig_at
     : stop_(stop) {
     snd_lib_error_set_handler(stay_silent);
     if (const int error = open(device); error < 0) {
-        throw Failure(device, snd_strerror(error));
+        throw Failure("capture device " + device,
+                      std::string(snd_strerror(error)) + " (live --list names the devices)");
     }
     // A device that has only other rates or more channels is opened anew through ALSA's converter.
     const auto hertz = static_cast<unsigned>(rate);

@@ -22,7 +22,7 @@ _dnnvad() {
     COMPREPLY=($(compgen -W "$(sed -n '/^Subcommands:/,$ s/^  \([a-z-]*\) .*/\1/p' <<<"$help")" -- "$current"))
   else
     compopt -o filenames
-    COMPREPLY=($(compgen -f -- "$current"))
+    mapfile -t COMPREPLY < <(compgen -f -- "$current")
   fi
 }
 complete -F _dnnvad dnnvad

@@ -126,7 +126,7 @@ int run(Options options) {
     const bool several = options.files.size() > 1;
     if (several && form.one_recording && !to_folder) {
         throw UsageError("format " + options.format +
-                         " holds one recording: name a folder with -o");
+                         " holds one recording: name a folder with -o, such as -o found/");
     }
     check_names(options, to_folder);
     std::unique_ptr<OutputFile> file;

@@ -26,8 +26,8 @@ constexpr std::size_t kDoubts = 5;     // numbers that are none are not told wit
 
 class File {
 public:
-    explicit File(const std::string& path)
-        : path_(path), stream_(std::fopen(path.c_str(), "rb"), std::fclose) {
+    explicit File(const std::string& path, const char* kind = "")
+        : path_(path), kind_(kind), stream_(std::fopen(path.c_str(), "rb"), std::fclose) {
         if (stream_ == nullptr || std::fseek(stream(), 0, SEEK_END) != 0 || (size_ = at()) < 0) {
             throw Failure(path, std::strerror(errno));
         }
@@ -42,8 +42,9 @@ public:
         if (std::ferror(stream_.get()) != 0) {
             throw Failure(path_, std::strerror(errno));
         }
-        throw Failure(path_, format("at byte %ld: %s expected, but %s", where, expected.c_str(),
-                                    where >= size_ ? "the file ends" : found.c_str()));
+        throw Failure(path_,
+                      format("as a %s: at byte %ld: %s expected, but %s", kind_, where,
+                             expected.c_str(), where >= size_ ? "the file ends" : found.c_str()));
     }
 
     // A line, or its next 1023 bytes, as far as its first zero byte.
@@ -67,6 +68,7 @@ public:
 
 private:
     std::string path_;
+    const char* kind_;
     std::unique_ptr<FILE, int (*)(FILE*)> stream_;
     long size_ = 0;
 };
@@ -127,8 +129,9 @@ Range read_vector(File& file, const std::string& token, int dimension, ordered_j
 }
 
 ordered_json describe_model(const std::string& path) {
-    File file(path);
-    ordered_json out{{"file", path}, {"kind", "network model"}}, doubts = ordered_json::array();
+    constexpr char kKind[] = "network model";
+    File file(path, kKind);
+    ordered_json out{{"file", path}, {"kind", kKind}}, doubts = ordered_json::array();
     for (int i = 0; i < 3; ++i) {
         out[format("text_line_%d", i + 1)] =
             printable(file.line(format("text line %d of 3", i + 1)));
@@ -284,7 +287,8 @@ ordered_json picture(const std::vector<int>& cells, int bins) {
 }
 
 ordered_json describe_template(const std::string& path, int bins) {
-    File file(path);
+    constexpr char kKind[] = "bleep template";
+    File file(path, kKind);
     ordered_json doubts = ordered_json::array();
     // The next number as the library's fscanf takes it; false when something else stands there.
     const auto next = [&](const char* pattern, auto* value, const std::string& expected) {
@@ -339,7 +343,7 @@ ordered_json describe_template(const std::string& path, int bins) {
         strongest.push_back({{"hz", hertz}, {"weight", weights[order[k]]}});
     }
     return {{"file", path},
-            {"kind", "bleep template"},
+            {"kind", kKind},
             {"for_models_of_hz", bins == kWideBins ? 16000 : 8000},
             {"rows", kRows},
             {"bins", bins},
@@ -351,9 +355,7 @@ ordered_json describe_template(const std::string& path, int bins) {
 
 }  // namespace
 
-void check_model(const std::string& path) { describe_model(path); }
-
-ordered_json describe_file(const std::string& path) {
+ordered_json describe_file(const std::string& path, ModelKind kind) {
     // A template begins with a row of zeros and ones, a model with any text.
     std::string begin(2048, '\0');
     File file(path);
@@ -362,14 +364,19 @@ ordered_json describe_file(const std::string& path) {
     const auto bits =
         std::count(row.begin(), row.end(), "0") + std::count(row.begin(), row.end(), "1");
     const bool plain = bits == static_cast<std::ptrdiff_t>(row.size());
-    if (plain && (row.size() == kNarrowBins || row.size() == kWideBins)) {
+    if (plain && kind != ModelKind::kNetwork &&
+        (row.size() == kNarrowBins || row.size() == kWideBins)) {
         return describe_template(path, static_cast<int>(row.size()));
     }
     // The library does not look at lines. (What it takes for wide models begins like a narrow one.)
     std::unique_ptr<Failure> first;
-    const bool model = row.size() < 8 || bits < static_cast<std::ptrdiff_t>(row.size() / 2);
+    const bool model = kind == ModelKind::kNetwork || row.size() < 8 ||
+                       bits < static_cast<std::ptrdiff_t>(row.size() / 2);
     for (const int bins :
          {model ? 0 : kWideBins, model ? kWideBins : kNarrowBins, model ? kNarrowBins : 0}) {
+        if (kind == (bins == 0 ? ModelKind::kTemplate : ModelKind::kNetwork)) {
+            continue;
+        }
         try {
             return bins == 0 ? describe_model(path) : describe_template(path, bins);
         } catch (const Failure& failure) {

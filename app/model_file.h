@@ -9,12 +9,11 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-// Keys with their units, in the order for people. "doubts" lists what is odd in a file that loads.
-// Throws Failure: "PATH: at byte N: this was expected, that is there".
-nlohmann::ordered_json describe_file(const std::string& path);
+enum class ModelKind { kAny, kNetwork, kTemplate };
 
-// Throws the same Failure unless a network model is one that the library loads: some malformed ones end
-// the process there.
-void check_model(const std::string& path);
+// Keys with their units, in the order for people. "doubts" lists what is odd in a file that loads.
+// Throws Failure unless it is of the kind and one that the library loads (some malformed models end the
+// process there): "PATH: as a KIND: at byte N: this was expected, that is there".
+nlohmann::ordered_json describe_file(const std::string& path, ModelKind kind = ModelKind::kAny);
 
 #endif

@@ -459,11 +459,16 @@ void write_svg(FILE* stream, const Story& story, const Json& facts) {
             drawn = x(to) + 0.5;
         }
     }
-    const double rough = std::pow(10, std::floor(std::log10(length / 10)));
-    const double step = rough * (length / rough > 50 ? 10 : length / rough > 20 ? 5 : 2);
+    double step = 0.001;
+    for (const double longer : {0.002, 0.005, 0.01, 0.02, 0.05, 0.1,  0.2,  0.5,  1.0,   2.0,
+                                5.0,   10.0,  15.0, 30.0, 60.0, 120., 300., 600., 1800., 3600.}) {
+        step = length / step > 15 ? longer : step;
+    }
     for (int k = 0; k * step <= length; ++k) {
         rect(k * step, k * step, 434, 5, "fill=\"#566273\"");
-        text(x(k * step), 454, "text-anchor=\"middle\"", format("%g s", k * step));
+        const int whole = static_cast<int>(k * step);
+        text(x(k * step), 454, "text-anchor=\"middle\"",
+             length < 120 ? format("%g s", k * step) : format("%d:%02d", whole / 60, whole % 60));
     }
     std::fputs("</svg>\n", stream);
 }

@@ -24,6 +24,8 @@ namespace {
 
 constexpr int kRows = 15, kLow = 5;  // of a template; columns kLow - 1 .. bins - 2 have weights
 constexpr int kLastAsked = 120;      // frames: speech that ends later is not questioned
+constexpr int kBlip = 9;             // frames: a first utterance no longer than this is forgotten
+constexpr std::size_t kRare = 20;    // one of so many renderings heard as speech may be let pass
 constexpr double kNever = -50;       // bias with which no session sees the prompt
 constexpr float kUnasked = -1.0F;    // no count of cells
 constexpr double kOn = 0.6;          // share of the prompts in which a cell of the template is on
@@ -369,15 +371,15 @@ bool enough(const std::vector<Map>& maps, bool prompt) {
                          const CMFE& session) {
     std::vector<double> lengths, lasts;
     for (const Heard& heard : all) {
-        if (heard.spoke) {
+        if (heard.spoke && (heard.last == 0 || heard.length > kBlip)) {
             lengths.push_back(heard.length);
             lasts.push_back(heard.last);
         }
     }
-    if (lengths.empty()) {
-        throw Failure(file, format("the detector takes none of %zu renderings for speech: "
+    if (lengths.size() <= all.size() / kRare) {
+        throw Failure(file, format("the detector takes only %zu of %zu renderings for speech: "
                                    "no template is needed",
-                                   all.size()));
+                                   lengths.size(), all.size()));
     }
     throw Failure(file,
                   format("a template cannot help: sessions hear %.0f ms of speech that ends %.0f "
@@ -394,7 +396,7 @@ int run(const Options& options) {
         throw UsageError("bleep_detect=0 turns off what is to be learnt here");
     }
     // The session was made without a template: an empty one that never says yes lets it ask.
-    session->_m_n_bleep_detect = 1;
+    session->mfeSetParam(kBleepDetect, 1);
     session->_m_p_embd[0] = static_cast<float>(kNever);
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate)),
               bins = session->_m_n_fft_size;

@@ -94,12 +94,14 @@ float parse_value(const Parameter& parameter, const std::string& text, double ra
     const double number = std::strtod(text.c_str(), &end);
     const auto unit = units.find(lower(end));
     const bool is_switch = parameter.unit == Unit::kSwitch;
-    if (end == text.c_str() || unit == units.end() || unit->second == 0.0 ||
+    // (0.6 is meant to be seconds)
+    const bool seconds = per_millisecond != 0.0 && *end == '\0' && number != std::floor(number);
+    if (seconds || end == text.c_str() || unit == units.end() || unit->second == 0.0 ||
         !std::isfinite(number) || number < 0 || (is_switch && number != 0 && number != 1)) {
         const char* const wanted = is_switch ? "0 or 1"
                                    : per_millisecond == 0.0
                                        ? "a number that is not negative"
-                                       : "a number, or a time such as 600ms or 0.6s";
+                                       : "a whole number, or a time such as 600ms or 0.6s";
         throw UsageError((name.empty() ? lower(parameter.name) : name) + " takes " + wanted +
                          ", not '" + text + "'");
     }
@@ -142,7 +144,7 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
         ++number;
         const std::size_t colon = std::min(line.find(':'), line.size());
         const std::string key = line.substr(0, colon);
-        float value;
+        float value = 0;
         int used = 0;
         const bool known = is_key(key);
         const bool taken = known && std::sscanf(line.c_str() + colon, ":%f %n", &value, &used) == 1;
@@ -152,10 +154,10 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
         const bool blank = line.find_first_not_of(" \t\r") == std::string::npos || line[0] == '#';
         const bool whole = taken && colon + static_cast<std::size_t>(used) == line.size();
         if (warn && !blank && !whole && texts.count(key) == 0 && ++warnings <= kMostWarnings) {
-            print_warning(format("%s: line %d %s", path.c_str(), number,
-                                 !known  ? "is no PARAM_NAME:value that the session knows"
-                                 : taken ? "has more than a number, in frames where it is a time"
-                                         : "has no number"));
+            print_warning(format("%s: line %d ", path.c_str(), number) +
+                          (!known  ? "is no PARAM_NAME:value that the session knows"
+                           : taken ? format("sets %g: times are frames, without a unit", value)
+                                   : "has no number"));
         }
     }
     return keys;
@@ -170,12 +172,14 @@ void set_parameter(CMFE& session, const Parameter& parameter, float value,
 }
 
 // Audio is handed out from a ring: it has to hold the margin before speech, and the pause after which
-// speech goes on, since that one is handed out when it does.
+// speech goes on, since that one is handed out when it does. So many frames are needed.
+int longest_handed_out(const CMFE& session) {
+    return std::max(session._m_n_start_back_frame,
+                    std::min(session._m_n_cfg_max_speech_pause, session._m_n_cfg_max_wait));
+}
+
 void lengthen_buffer(CMFE& session) {
-    const int longest =
-        std::max(session._m_n_start_back_frame,
-                 std::min(session._m_n_cfg_max_speech_pause, session._m_n_cfg_max_wait));
-    const int frames = std::min(longest, kLongestBuffer) + kBufferReserve;
+    const int frames = std::min(longest_handed_out(session), kLongestBuffer) + kBufferReserve;
     if (frames > session._m_n_buf_frames) {
         session.mfeSetParam(kBufferLength, static_cast<float>(frames * session._m_n_frame_shift));
         // The limit on the length of a chunk follows with the rate.
@@ -268,9 +272,10 @@ std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_
     apply(options, config, *session);
     const std::string model = chosen_model(options, config, recording_rate);
     const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
-    const auto about = bleep != nullptr ? describe_file(options.bleep) : nlohmann::ordered_json();
+    const auto about = bleep != nullptr ? describe_file(options.bleep, ModelKind::kTemplate)
+                                        : nlohmann::ordered_json();
     const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
-    check_model(model);
+    describe_file(model, ModelKind::kNetwork);
     if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
         throw Failure(model, "there is no memory for this network model");
     }
@@ -299,6 +304,12 @@ void warn_of_doubts(const CMFE& session, const SessionOptions& options) {
          "max_sp_pause (%d frames) is not below max_wait_duration (%d): time-outs will end "
          "utterances, not pauses",
          pause, wait);
+    const int buffer = session._m_n_buf_frames, longest = longest_handed_out(session);
+    warn(
+        longest >= buffer,
+        "buffer_length (%d frames) is not above the margin before speech and the pause limit (%d): "
+        "audio will be lost",
+        buffer, longest);
     const int from = session._m_n_detect_start, head = session._m_n_head_sil;
     warn(from > 0 && from >= head,
          "detect_start (%d frames) is not below head_sil_duration (%d): before it there is a "

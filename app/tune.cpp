@@ -21,11 +21,11 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
-#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "audio_input.h"
 #include "commands.h"
+#include "json_text.h"
 #include "program.h"
 #include "scoring.h"
 #include "session_options.h"
@@ -228,10 +228,10 @@ void print_json(const Options&, const std::vector<Setting>& all) {
                                     {"wait_ms", 10 * s.wait},
                                     {"utterances", static_cast<int>(s.tally.counts[kUtterances])},
                                     {"quiet_seconds", s.tally.counts[kQuiet]},
-                                    {"excess", s.excess},
+                                    {"excess", hundredths(s.excess)},
                                     {"best", &s == all.data()}};
         for (std::size_t m = 0; m < kMeasureCount; ++m) {
-            line[kMeasures[m].name] = s.values[m];  // what is no number becomes null
+            line[kMeasures[m].name] = hundredths(s.values[m]);  // what is no number becomes null
         }
         std::fprintf(results(), "%s\n", line.dump().c_str());
     }

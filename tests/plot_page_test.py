@@ -106,7 +106,9 @@ def check(browser, program, recording, folder):
     assert abs(moment(browser, 150) - left) < 0.02, "the whole recording"
     browser.value("document.getElementById('theme').click()")
     assert browser.value("document.documentElement.className") == "dark"
-    browser.open(page.as_uri(), width=700, scale=2)
+    browser.open(page.as_uri(), width=700, scale=2, dark=True)
+    ground = browser.value("getComputedStyle(document.body).backgroundColor")
+    assert ground == "rgb(13, 18, 24)", ground
     assert browser.value("document.documentElement.scrollWidth <= innerWidth"), "wider than the window"
 
     said = browser.get_log("browser")

@@ -243,7 +243,8 @@ TEST(Detect, TakesParametersFromFileAndByName) {
                                  .output;
     EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 2) << told;
     for (const char* const doubtful :
-         {"max_sp_pause=2s", "detect_start=4s", "dnn_sil_threshold=0.3", "sample_rate=8000"}) {
+         {"max_sp_pause=2s", "detect_start=4s", "dnn_sil_threshold=0.3", "sample_rate=8000",
+          "buffer_length=8000 --margin 2s"}) {
         const std::string odd_one = run(stream + " --set " + doubtful + " 2>&1 >/dev/null").output;
         EXPECT_NE(odd_one.find("dnnvad: warning: "), std::string::npos) << doubtful;
     }
@@ -329,7 +330,7 @@ TEST(Detect, SaysWhatIsWrong) {
           "--nonsense " + kRoadsigns, "detect -f x " + kRoadsigns,
           "detect --set nothing=1 " + kRoadsigns, "detect --set max_sp_pause=soon " + kRoadsigns,
           "detect --set dnn_speech_threshold=1s " + kRoadsigns,
-          "detect --set sample_rate=44100 " + kRoadsigns, "detect --margin -1 " + kRoadsigns}) {
+          "detect --set sample_rate=44100 " + kRoadsigns, "detect --margin 0.2 " + kRoadsigns}) {
         const test::Result result = run("dnnvad " + arguments + " 2>&1 >/dev/null");
         EXPECT_EQ(result.status, 2) << arguments;
         EXPECT_EQ(result.output.rfind("dnnvad: ", 0), 0U) << arguments << result.output;

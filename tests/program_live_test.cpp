@@ -140,11 +140,24 @@ TEST(Live, ShowsTheStatusOnATerminalAndEventsApart) {
               test::run("cat " + devices.file() + ".out; rm " + devices.file() + ".out").output);
 }
 
+#ifdef DNNVAD_OVERRUNS
+TEST(Live, CountsAndSurvivesOverruns) {
+    const std::string command =
+        "LD_PRELOAD=" DNNVAD_OVERRUNS " " DNNVAD_PROGRAM " live -D mic -f json --seconds 19";
+    const test::Result result = Devices(samples_of("stream-16k")).run(command);
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(json_lines(result.output, "ended").size(), 2U);
+    EXPECT_EQ(json_lines(result.output, "stream").at(0)["overruns"], 9);
+}
+#endif
+
 TEST(Live, SaysWhatIsWrongWithADevice) {
     const Devices devices("");
     const test::Result unknown = devices.run("dnnvad live -D attic 2>&1");
     EXPECT_EQ(unknown.status, 1);
-    EXPECT_EQ(unknown.output, "dnnvad: attic: No such file or directory\n");
+    EXPECT_EQ(unknown.output,
+              "dnnvad: capture device attic: No such file or directory (live --list names the "
+              "devices)\n");
     EXPECT_EQ(devices.run("dnnvad live --list").output.rfind("mic ", 0), 0U);
     EXPECT_EQ(devices.run("dnnvad live -D wide --seconds 1 2>&1 >/dev/null").status, 0);
     EXPECT_EQ(devices.run("dnnvad live -D silent --seconds 1 2>/dev/null >/dev/full").status, 1);
