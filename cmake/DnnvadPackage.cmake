@@ -60,4 +60,9 @@ foreach(component runtime development program)
     COMPONENT ${component})
 endforeach()
 
+install(FILES docs/integration.md docs/parameters.md
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libdnnvad-dev" COMPONENT development)
+install(FILES examples/minimal_host.cpp
+  DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/libdnnvad-dev/examples" COMPONENT development)
+
 include(CPack)

@@ -36,7 +36,8 @@
 // every call, a time-out drops the rest of its call's frames, and an utterance that begins and ends
 // within one call after a status 6 leaves no record. Push 10 ms at a time.
 //
-// Diagnostic lines ("ERROR:[file:line]...", "DEBUG:...") go to standard output.
+// Diagnostic lines ("ERROR:[file:line]...", "DEBUG:...") go to standard output, where a 16 kHz session
+// also writes "info->fftN 512" for every frame.
 //
 // Threads: a session belongs to one thread at a time. Different sessions share nothing but the
 // read-only kernel switch `qn_math` and may run in different threads at once.
@@ -131,7 +132,9 @@ public:
     // What an earlier initialisation made is released first; after a failure mfeExit, destruction
     // and another initialisation are safe.
     // Returns 0, -103 (null or empty model path; an earlier initialisation stays as it was), -107
-    // or -120.
+    // or -120. A file that is cut off gives -120, but one that is no model at all (a template, a
+    // recording) mostly ends the process by an assertion, for want of a number of parameters: check
+    // what was downloaded by its checksum.
     int mfeInit_load_model(const char* dnnfile, const char* bleepfile);
 
     // Prepares for the next stream: clears positions, counters, status, segments, the feature
@@ -191,13 +194,15 @@ public:
     // At most `_m_n_max_data_len` / 2 samples at once: half a ring of the length known when the rate
     // was last set, 20000 samples by default. Older samples are overwritten when a ring's worth is
     // sent without detection.
-    // Returns 0, -103 (null samples, or not initialised), -109 (negative count) or -118.
+    // Returns 0, -103 (null samples, or samples before initialisation), -109 (negative count) or -118.
     int mfeSendData(const short* samples, int count);
 
     // Hands out the audio that the latest detection released: detected speech with its margins, or
     // everything with "speech only" off. `iMaxLen` is the capacity in bytes, `iLen` receives the
     // bytes written. Of a range that does not fit, the newest samples are kept. Call it once per
     // detection: as long as the status says that speech has just begun, the start is handed out anew.
+    // With an end margin (id 7) of 0 the 5 ms before a pause that resumes are handed out again with
+    // what follows it: kept, hosts depend on the positions.
     // Returns 0, or -103 for a null pointer.
     int mfeGetCallbackData(char* pDataOut, int* iLen, int iMaxLen);
 
@@ -224,7 +229,7 @@ public:
     int mfeVADOneFrame(const short* samples, int count, int frame, bool smooth);
 
     // 1 if the silence posteriors (the first three) sum to at most the speech posteriors (the other
-    // six), else 0. Nine values are read, whatever `dim` says.
+    // six), else 0. Nine values are read, whatever `dim` says; null gives 0.
     int getFrameState(const float* posteriors, int dim);
 
     // Keeps the frame's log spectrum for the bleep detector while frame < nframes - 1: its average
@@ -240,8 +245,8 @@ public:
     // Shortens the pause limit once speech is `length` frames long: the longer, the shorter.
     void mfeAdjustPauseThreshold(int length);
 
-    // Closes the stream after the end of input; mfeDNNDetect calls it. Returns the final status; the
-    // status field itself is left as it is.
+    // Closes the stream after the end of input; mfeDNNDetect calls it. Returns the final status, once:
+    // the status field stays 2, which is what later calls answer.
     int UserStop();
 
     // The status if it is 0..6, else 0; the argument is ignored.

@@ -174,6 +174,9 @@ bool CMFE::compute_posteriors(int count, int frame) {
 }
 
 int CMFE::getFrameState(const float* posteriors, int /*dim*/) {
+    if (posteriors == nullptr) {
+        return 0;
+    }
     float silence = posteriors[0];
     for (int k = 1; k < kFirstSpeechClass; ++k) {
         silence += posteriors[k];

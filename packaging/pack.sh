@@ -12,3 +12,10 @@ log=$(DEB_HOST_ARCH=$architecture cpack -G DEB -B "$out/pack-$architecture" 2>&1
   { printf '%s\n' "$log" >&2; exit 1; }
 mv "$out/pack-$architecture"/*.deb "$out"
 rm -rf "$out/pack-$architecture"
+# Those of several architectures can be installed side by side, which this CPack cannot say.
+for package in "$out"/lib*_"$architecture".deb; do
+  dpkg-deb -R "$package" "$out/unpacked"
+  echo "Multi-Arch: same" >>"$out/unpacked/DEBIAN/control"
+  dpkg-deb --root-owner-group -b "$out/unpacked" "$package" >/dev/null
+  rm -r "$out/unpacked"
+done

@@ -17,6 +17,7 @@ for package in libdnnvad1 libdnnvad-dev dnnvad; do
   deb=$(echo "$work/${package}"_*.deb)
   [ -f "$deb" ] || die "there is no package $package"
   dpkg-deb -x "$deb" "$work/root"
+  [ $package = dnnvad ] || [ "$(dpkg-deb -f "$deb" Multi-Arch)" = same ] || die "$deb replaces its twin"
 done
 root=$work/root
 expected=$("$@" "$build/app/dnnvad" detect "$recording")
@@ -41,6 +42,7 @@ complete() {
 emulator=$*
 [[ " $(complete "de") " == *" detect "* ]] || die "completion of a command: $(complete "de")"
 [[ " $(complete detect --form) " == *" --format "* ]] || die "completion of an option: $(complete detect --form)"
+[[ " $(complete detect --set max_sp) " == *" max_sp_pause= "* ]] || die "completion of a parameter: $(complete detect --set max_sp)"
 [[ " $(complete detect -f "") " == *" rttm "* ]] || die "completion of a format: $(complete detect -f "")"
 
 faults=$(lintian --allow-root --fail-on error --tag-display-limit 0 "$work"/*.deb) || die "$faults"
