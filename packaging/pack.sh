@@ -15,7 +15,7 @@ rm -rf "$out/pack-$architecture"
 # Those of several architectures can be installed side by side, which this CPack cannot say.
 for package in "$out"/lib*_"$architecture".deb; do
   dpkg-deb -R "$package" "$out/unpacked"
-  echo "Multi-Arch: same" >>"$out/unpacked/DEBIAN/control"
+  sed -i "s/^Architecture:.*/&\nMulti-Arch: same/" "$out/unpacked/DEBIAN/control"
   dpkg-deb --root-owner-group -b "$out/unpacked" "$package" >/dev/null
   rm -r "$out/unpacked"
 done
