@@ -33,19 +33,6 @@ Listener::Listener(CMFE& session, Watcher& watcher)
       rate_(session.mfeGetParam(kSampleRate)),
       out_(static_cast<std::size_t>(session.mfeGetParam(kBufferLength)) / sizeof(short)) {}
 
-int Listener::push(const short* samples, int count) {
-    const int status = step(samples, count);
-    heard_ += count;
-    // Beside an open utterance only the margin before the next one may still be asked for.
-    const int margin = std::max(0, session_._m_n_start_back_frame);
-    history_.insert(history_.end(), samples, samples + count);
-    const long long excess = static_cast<long long>(history_.size()) - 1LL * margin * chunk_;
-    history_.erase(history_.begin(),
-                   history_.begin() + static_cast<std::ptrdiff_t>(std::max(0LL, excess)));
-    follow(status);
-    return status;
-}
-
 void Listener::push_all(const std::vector<short>& samples) {
     const auto chunk = static_cast<std::size_t>(chunk_);
     for (std::size_t at = 0; at < samples.size(); at += chunk) {
@@ -56,29 +43,36 @@ void Listener::push_all(const std::vector<short>& samples) {
 int Listener::finish() {
     session_.mfeSendData(nullptr, 0);
     const int status = session_.mfeDNNDetect();
-    open_new();
-    hand_out();
-    if (open_) {
-        close("end of input");
-    }
+    follow();
+    close("end of input");
     return status;
 }
 
-// One chunk through the session; its status.
-int Listener::step(const short* samples, int count) {
+// One chunk through the session, and what its status means for the utterance. `again`: the stream's
+// latest samples, which it has heard before.
+int Listener::hear(const short* samples, int count, bool again) {
     if (session_.mfeSendData(samples, count) == kCounterFull) {
-        if (open_) {
-            close("time-out");
-        }
+        close("time-out");
         reset(heard_);
         session_.mfeSendData(samples, count);
     }
+    heard_ += again ? 0 : count;
     const int status = session_.mfeDNNDetect();
-    scored(status);
+    tell_frames(status);
+    follow();
+    // The session forgets a blip, or the device's own prompt: it waits as if there had been no speech.
+    const bool forgotten = session_._m_n_last_speech == 0;
+    if (status == kEnded || (status == kNotStarted && forgotten)) {
+        close("pause", forgotten, status == kNotStarted);
+    } else if (status == kTimedOut) {
+        close("time-out");
+        watcher_.timed_out(seconds());
+        again ? reset(heard_) : restart();
+    }
     return status;
 }
 
-void Listener::scored(int status) {
+void Listener::tell_frames(int status) {
     // A time-out leaves the frame that brought it at the begin of its pass.
     const int first = session_._m_n_pass_first_frame;
     const int end = status == kTimedOut ? first + 1 : session_._m_n_cur_frame;
@@ -90,7 +84,13 @@ void Listener::scored(int status) {
     }
 }
 
-void Listener::hand_out() {
+// Tells of a record that the session has opened, and of the audio that it hands out.
+void Listener::follow() {
+    if (session_._m_v_segments.size() > reported_ && !open_) {
+        open_ = true;
+        peak_ = 1;
+        watcher_.began(describe(""));
+    }
     int bytes = 0;
     session_.mfeGetCallbackData(reinterpret_cast<char*>(out_.data()), &bytes,
                                 static_cast<int>(out_.size() * sizeof(short)));
@@ -103,29 +103,6 @@ void Listener::hand_out() {
     }
 }
 
-// Tells what the status after a chunk means for the utterance.
-void Listener::follow(int status) {
-    open_new();
-    hand_out();
-    // The session forgets a blip, or the device's own prompt: it waits as if there had been no speech.
-    const bool forgotten = session_._m_n_last_speech == 0;
-    if (open_ && status == kEnded) {
-        forgotten ? forget(false) : close("pause");
-    } else if (open_ && status == kNotStarted && forgotten) {
-        forget(true);
-    } else if (status == kTimedOut) {
-        if (open_) {
-            close("time-out");
-        }
-        watcher_.timed_out(seconds());
-        if (!replaying_) {
-            restart();
-        } else {
-            reset(heard_);
-        }
-    }
-}
-
 // The session begins anew; its frame 0 lies at this sample of the stream.
 void Listener::reset(double origin) {
     session_.mfeReset();
@@ -133,49 +110,35 @@ void Listener::reset(double origin) {
     origin_ = origin;
 }
 
-// Tells of a record that the session has opened.
-void Listener::open_new() {
-    if (session_._m_v_segments.size() > reported_ && !open_) {
-        open_ = true;
-        peak_ = 1;
-        watcher_.began(describe(""));
+// The utterance that has begun, if one has, is over, or was none.
+void Listener::close(const char* reason, bool forgotten, bool prompt) {
+    if (open_) {
+        forgotten ? watcher_.forgotten(describe(reason), prompt) : watcher_.ended(describe(reason));
+        open_ = false;
+        ++reported_;
     }
 }
 
-void Listener::close(const char* reason) {
-    watcher_.ended(describe(reason));
-    open_ = false;
-    ++reported_;
-}
-
-void Listener::forget(bool prompt) {
-    watcher_.forgotten(describe("pause"), prompt);
-    open_ = false;
-    ++reported_;
-}
-
 // A session that has timed out scores one frame per call and drops the rest, so it begins anew. Speech
-// may begin at this very moment: the margin before it is pushed again, as far as that cannot
-// bring a time-out by itself.
+// may begin at this very moment: the margin before it is pushed again out of the session's ring, as
+// far as that cannot bring a time-out by itself.
 void Listener::restart() {
-    int frames = session_._m_n_head_sil / 2;
+    int frames = std::min(
+        {session_._m_n_head_sil / 2, session_._m_n_start_back_frame, session_._m_n_ring_frames});
     if (session_._m_n_last_speech != 0) {
         // Nor may it reach back into the speech that the session has just dealt with.
         const int silent = session_._m_n_pass_first_frame - session_._m_n_last_speech;
         frames = std::min(frames, silent - kSpeechTail);
     }
-    const std::size_t longest =
-        static_cast<std::size_t>(std::max(0, frames)) * static_cast<std::size_t>(chunk_);
-    const std::size_t whole = std::min(history_.size(), longest) /
-                              static_cast<std::size_t>(chunk_) * static_cast<std::size_t>(chunk_);
-    const std::vector<short> lead(history_.end() - static_cast<std::ptrdiff_t>(whole),
-                                  history_.end());
-    reset(heard_ - static_cast<double>(whole));
-    replaying_ = true;
-    for (std::size_t at = 0; at < whole; at += static_cast<std::size_t>(chunk_)) {
-        follow(step(&lead[at], chunk_));
+    std::vector<short> lead;
+    for (double at = heard_ - std::max(0, frames) * chunk_; at < heard_; ++at) {
+        const auto position = static_cast<long long>(at - origin_);
+        lead.push_back(session_._m_p_data[position % session_._m_n_ring_samples]);
     }
-    replaying_ = false;
+    reset(heard_ - static_cast<double>(lead.size()));
+    for (std::size_t at = 0; at < lead.size(); at += static_cast<std::size_t>(chunk_)) {
+        hear(&lead[at], chunk_, true);
+    }
 }
 
 Utterance Listener::describe(const char* reason) const {

@@ -7,7 +7,6 @@
 #ifndef DNNVAD_APP_LISTENER_H
 #define DNNVAD_APP_LISTENER_H
 
-#include <deque>
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
@@ -65,7 +64,7 @@ public:
 
     int chunk() const { return chunk_; }  // samples of 10 ms
     // Pushes at most chunk() samples; fewer only at the end. Returns the session's status.
-    int push(const short* samples, int count);
+    int push(const short* samples, int count) { return hear(samples, count, false); }
     // Pushes all of it, a chunk at a time.
     void push_all(const std::vector<short>& samples);
     // The end of the input: closes an utterance that is still open. Returns the final status.
@@ -74,14 +73,11 @@ public:
     bool speaking() const { return open_; }
 
 private:
-    int step(const short* samples, int count);
-    void scored(int status);
-    void hand_out();
-    void follow(int status);
-    void close(const char* reason);
-    void forget(bool prompt);
+    int hear(const short* samples, int count, bool again);
+    void tell_frames(int status);
+    void follow();
+    void close(const char* reason, bool forgotten = false, bool prompt = false);
     void reset(double origin);
-    void open_new();
     void restart();
     Utterance describe(const char* reason) const;
     double time(int frame) const;
@@ -94,10 +90,8 @@ private:
     double origin_ = 0;         // sample of the stream at which the session's frame 0 lies
     std::size_t reported_ = 0;  // records of the segment list already dealt with
     bool open_ = false;         // an utterance has begun and not ended
-    bool replaying_ = false;
-    std::vector<short> out_;     // what the session hands out at once
-    std::deque<short> history_;  // the latest samples, as many as the margin before speech
-    int peak_ = 0;               // loudest sample handed out of the open utterance
+    std::vector<short> out_;    // what the session hands out at once
+    int peak_ = 0;              // loudest sample handed out of the open utterance
 };
 
 // The smoother's score of the frame that the session scored last.
