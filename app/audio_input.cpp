@@ -219,36 +219,32 @@ std::vector<short> read_recording(const std::string& path, int rate) {
 }
 
 void write_wav(FILE* stream, const std::vector<short>& samples, int rate) {
-    // Little-endian, as the processors are that this runs on.
-    const auto name = [](const char* text) {
-        std::uint32_t word = 0;
-        std::memcpy(&word, text, sizeof word);
-        return word;
-    };
     const auto bytes = static_cast<std::uint32_t>(2 * samples.size());
     const auto hertz = static_cast<std::uint32_t>(rate);
+    const auto word = [](std::uint32_t value) {  // little-endian, as the processors are
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
     constexpr std::uint32_t kMonoPcm = 1 << 16 | 1, k16Bits = 16 << 16 | 2;  // (2 bytes a frame)
-    const std::uint32_t header[] = {name("RIFF"), bytes + 36,   name("WAVE"), name("fmt "),
-                                    16,           kMonoPcm,     hertz,        2 * hertz,
-                                    k16Bits,      name("data"), bytes};
-    std::fwrite(header, 1, sizeof header, stream);
+    const std::string header = "RIFF" + word(bytes + 36) + "WAVEfmt " + word(16) + word(kMonoPcm) +
+                               word(hertz) + word(2 * hertz) + word(k16Bits) + "data" + word(bytes);
+    std::fwrite(header.data(), 1, header.size(), stream);
     std::fwrite(samples.data(), sizeof(short), samples.size(), stream);
 }
 
 WavFile::WavFile(const std::string& path, int rate)
-    : pending_(path), info_{0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0} {
-    sound_ = open_sound(pending_.path(), SFM_WRITE, info_);
-}
+    : file_(path),
+      info_{0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0},
+      sound_(open_sound(file_.written(), SFM_WRITE, info_)) {}
 
 void WavFile::write(const short* samples, int count) {
     if (sf_write_short(sound_.get(), samples, count) != count) {
-        throw Failure(pending_.name(), sf_strerror(sound_.get()));
+        throw Failure(file_.name(), sf_strerror(sound_.get()));
     }
 }
 
 void WavFile::commit() {
     if (sf_close(sound_.release()) != 0) {
-        throw Failure(pending_.name(), std::strerror(errno));
+        throw Failure(file_.name(), std::strerror(errno));
     }
-    pending_.commit();
+    file_.commit();
 }

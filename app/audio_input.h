@@ -84,9 +84,9 @@ public:
     void commit();  // throws Failure
 
 private:
-    PendingFile pending_;
+    OutputFile file_;
     SF_INFO info_;
-    SoundFile sound_{nullptr, sf_close};
+    SoundFile sound_;
 };
 
 #endif

@@ -1,14 +1,16 @@
 #include "program.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <vector>
+#include <iterator>
+#include <memory>
+#include <utility>
 
 namespace fs = std::filesystem;
 
@@ -17,12 +19,16 @@ namespace {
 FILE* own_output = stdout;
 
 // Partial files of this moment, for the signal handler, which may neither lock nor allocate.
-constexpr int kSlots = 64;
-std::atomic<const char*> unfinished[kSlots];
+const char* volatile unfinished[8];
+
+// Puts `now` where `before` is; there are more places than files at once.
+void exchange_unfinished(const char* before, const char* now) {
+    *std::find(std::begin(unfinished), std::end(unfinished) - 1, before) = now;
+}
 
 extern "C" void remove_unfinished(int signal) {
-    for (const std::atomic<const char*>& slot : unfinished) {
-        if (const char* const path = slot.load()) {
+    for (const char* const path : unfinished) {
+        if (path != nullptr) {
             unlink(path);
         }
     }
@@ -84,39 +90,16 @@ void stop_on_signals() {
     }
 }
 
-PendingFile::PendingFile(std::string path) : final_(std::move(path)), partial_(final_) {
+OutputFile::OutputFile(const std::string& path) : name_(path), written_(path) {
     std::error_code error;
-    const fs::file_status status = fs::status(final_, error);
-    if (fs::exists(status) && !fs::is_regular_file(status)) {
-        return;
+    const fs::file_status status = fs::status(path, error);
+    if (!fs::exists(status) || fs::is_regular_file(status)) {
+        written_ += ".partial";
+        exchange_unfinished(nullptr, written_.c_str());
     }
-    partial_ += ".partial";
-    for (int slot = 0; slot < kSlots && slot_ < 0; ++slot) {
-        const char* expected = nullptr;
-        if (unfinished[slot].compare_exchange_strong(expected, partial_.c_str())) {
-            slot_ = slot;
-        }
-    }
-}
-
-PendingFile::~PendingFile() {
-    if (partial_ != final_) {
-        unlink(partial_.c_str());
-    }
-    if (slot_ >= 0) {
-        unfinished[slot_].store(nullptr);
-    }
-}
-
-void PendingFile::commit() {
-    if (partial_ != final_ && std::rename(partial_.c_str(), final_.c_str()) != 0) {
-        throw Failure(final_, std::strerror(errno));
-    }
-}
-
-OutputFile::OutputFile(const std::string& path)
-    : file_(path), stream_(std::fopen(file_.path().c_str(), "w")) {
+    stream_ = std::fopen(written_.c_str(), "w");
     if (stream_ == nullptr) {
+        exchange_unfinished(written_.c_str(), nullptr);
         throw Failure(path, std::strerror(errno));
     }
 }
@@ -125,19 +108,19 @@ OutputFile::~OutputFile() {
     if (stream_ != nullptr) {
         std::fclose(stream_);
     }
+    if (written_ != name_) {
+        unlink(written_.c_str());
+        exchange_unfinished(written_.c_str(), nullptr);
+    }
 }
 
 void OutputFile::commit() {
     flush();
-    FILE* const done = stream_;
-    stream_ = nullptr;
-    if (std::fclose(done) != 0) {
-        throw Failure(file_.name(), std::strerror(errno));
+    if (std::fclose(std::exchange(stream_, nullptr)) != 0 ||
+        (written_ != name_ && std::rename(written_.c_str(), name_.c_str()) != 0)) {
+        throw Failure(name_, std::strerror(errno));
     }
-    file_.commit();
 }
-
-Progress::Progress() : terminal_(isatty(STDERR_FILENO) != 0) {}
 
 void Progress::show(const std::string& label, double share) {
     const int percent = static_cast<int>(100 * share);
@@ -159,15 +142,13 @@ void Progress::clear() {
 }
 
 std::string format(const char* pattern, ...) {
-    va_list arguments, again;
+    char* text = nullptr;
+    va_list arguments;
     va_start(arguments, pattern);
-    va_copy(again, arguments);
-    std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, pattern, arguments)),
-                     '\0');
-    std::vsnprintf(text.data(), text.size() + 1, pattern, again);
-    va_end(again);
+    const int length = vasprintf(&text, pattern, arguments);
     va_end(arguments);
-    return text;
+    const std::unique_ptr<char, void (*)(void*)> owner(text, std::free);
+    return {text, static_cast<std::size_t>(length)};
 }
 
 std::string bundled_file(const std::string& name) {

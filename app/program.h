@@ -2,6 +2,8 @@
 #ifndef DNNVAD_APP_PROGRAM_H
 #define DNNVAD_APP_PROGRAM_H
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
@@ -40,23 +42,6 @@ extern volatile std::sig_atomic_t stopping;  // the signal that has come, or 0
 // A file that appears under its name only when it is complete. Until commit() it is written as
 // "PATH.partial", which goes away with the object. What exists and is no regular file (a device, a
 // pipe) is written directly.
-class PendingFile {
-public:
-    explicit PendingFile(std::string path);
-    ~PendingFile();
-    PendingFile(const PendingFile&) = delete;
-    PendingFile& operator=(const PendingFile&) = delete;
-
-    const std::string& path() const { return partial_; }  // what to write to
-    const std::string& name() const { return final_; }
-    void commit();  // throws Failure
-
-private:
-    std::string final_, partial_;
-    int slot_ = -1;  // where the signal handler finds the partial name
-};
-
-// A text file that is complete or not there.
 class OutputFile {
 public:
     explicit OutputFile(const std::string& path);  // throws Failure
@@ -64,25 +49,26 @@ public:
     OutputFile(const OutputFile&) = delete;
     OutputFile& operator=(const OutputFile&) = delete;
 
+    const std::string& name() const { return name_; }
+    const std::string& written() const { return written_; }  // the name until commit()
     FILE* stream() { return stream_; }
-    void flush() { ::flush(stream_, file_.name()); }
+    void flush() { ::flush(stream_, name_); }
     void commit();  // throws Failure
 
 private:
-    PendingFile file_;
+    std::string name_, written_;
     FILE* stream_;
 };
 
 // One line on standard error that is kept up to date, if that is a terminal.
 class Progress {
 public:
-    Progress();
     ~Progress() { clear(); }
     void show(const std::string& label, double share);  // share done, 0 .. 1
     void clear();                                       // before anything else is printed
 
 private:
-    bool terminal_;
+    bool terminal_ = isatty(STDERR_FILENO) != 0;
     int shown_ = -1;  // percent
 };
 
