@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <numeric>
 
 namespace {
 
@@ -127,7 +128,27 @@ double AudioInput::share() const {
     return info_.seekable != 0 && all > 0 ? std::min(1.0, heard_ / all) : 0.0;
 }
 
-std::size_t AudioInput::read(float* samples, std::size_t count) {
+void AudioInput::convert(int rate) {
+    if (rate == this->rate()) {
+        return;
+    }
+    soxr_error_t error = nullptr;
+    resampler_.reset(soxr_create(this->rate(), rate, 1, &error, nullptr, nullptr, nullptr));
+    if (error != nullptr) {
+        throw Failure(format("%d Hz", this->rate()), error);
+    }
+    in_.resize(kBlock);
+    const auto supply = [](void* input, soxr_cbuf_t* samples, std::size_t count) {
+        auto& self = *static_cast<AudioInput*>(input);
+        *samples = self.in_.data();
+        return self.read_recorded(self.in_.data(), std::min(count, kBlock));
+    };
+    soxr_set_input_fn(resampler_.get(), supply, this, kBlock);
+}
+
+// The one channel at its own rate, full scale = 1. Nothing may be thrown through the converter: read()
+// asks for errors.
+std::size_t AudioInput::read_recorded(float* samples, std::size_t count) {
     const auto channels = static_cast<std::size_t>(info_.channels);
     block_.resize(count * channels);
     if (ended_) {
@@ -135,67 +156,35 @@ std::size_t AudioInput::read(float* samples, std::size_t count) {
     }
     const sf_count_t got =
         sf_readf_float(sound_.get(), block_.data(), static_cast<sf_count_t>(count));
+    const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
+    heard_ += static_cast<double>(frames);
+    ended_ = frames < count;
+    for (std::size_t f = 0; f < frames; ++f) {
+        const float* const all = &block_[f * channels];
+        samples[f] = channel_ > 0 ? all[channel_ - 1]
+                                  : std::accumulate(all, all + channels, 0.0F) /
+                                        static_cast<float>(channels);
+    }
+    return frames;
+}
+
+std::size_t AudioInput::read(short* samples, std::size_t count) {
+    const bool ended = ended_;
+    out_.resize(count);
+    const std::size_t got = resampler_ == nullptr
+                                ? read_recorded(out_.data(), count)
+                                : soxr_output(resampler_.get(), out_.data(), count);
     if (sf_error(sound_.get()) != SF_ERR_NO_ERROR) {
         const bool pipe = lseek(descriptor_, 0, SEEK_CUR) < 0;
         throw Failure(path_, std::string(sf_strerror(sound_.get())) + (pipe ? kPipe : ""));
     }
-    const auto frames = static_cast<std::size_t>(std::max<sf_count_t>(got, 0));
-    heard_ += static_cast<double>(frames);
-    ended_ = frames < count;
-    if (ended_ && stopping == 0 && (heard_ == 0 || open_ended_ || heard_ < promised_)) {
+    if (ended_ && !ended && stopping == 0 && (heard_ == 0 || open_ended_ || heard_ < promised_)) {
         const std::string what =
             heard_ == 0   ? "holds no samples"
             : open_ended_ ? "its header tells no length, or a wrong one: heard to its end"
                           : format("ends after %.2f s, %.2f s before it should", heard_ / rate(),
                                    (promised_ - heard_) / rate());
         print_warning(path_ + ": " + what);
-    }
-    for (std::size_t f = 0; f < frames; ++f) {
-        const float* const all = &block_[f * channels];
-        if (channel_ > 0) {
-            samples[f] = all[channel_ - 1];
-            continue;
-        }
-        float sum = 0.0F;
-        for (std::size_t c = 0; c < channels; ++c) {
-            sum += all[c];
-        }
-        samples[f] = sum / static_cast<float>(channels);
-    }
-    return frames;
-}
-
-PcmReader::PcmReader(AudioInput& input, int rate) : input_(input) {
-    if (input.rate() != rate) {
-        soxr_error_t error = nullptr;
-        resampler_.reset(soxr_create(input.rate(), rate, 1, &error, nullptr, nullptr, nullptr));
-        if (error != nullptr) {
-            throw Failure(format("%d Hz", input.rate()), error);
-        }
-        in_.resize(kBlock);
-        soxr_set_input_fn(resampler_.get(), supply, this, kBlock);
-    }
-}
-
-// The converter's input. Nothing may be thrown through it.
-std::size_t PcmReader::supply(void* reader, soxr_cbuf_t* samples, std::size_t count) {
-    auto& self = *static_cast<PcmReader*>(reader);
-    *samples = self.in_.data();
-    try {
-        return self.input_.read(self.in_.data(), std::min(count, kBlock));
-    } catch (...) {
-        self.failure_ = std::current_exception();
-        return 0;
-    }
-}
-
-std::size_t PcmReader::read(short* samples, std::size_t count) {
-    out_.resize(count);
-    const std::size_t got = resampler_ == nullptr
-                                ? input_.read(out_.data(), count)
-                                : soxr_output(resampler_.get(), out_.data(), count);
-    if (failure_ != nullptr) {
-        std::rethrow_exception(failure_);
     }
     for (std::size_t k = 0; k < got; ++k) {
         const float scaled = out_[k] * kFullScale;
@@ -210,9 +199,9 @@ std::size_t PcmReader::read(short* samples, std::size_t count) {
 
 std::vector<short> read_recording(const std::string& path, int rate) {
     AudioInput input(path, {});
-    PcmReader reader(input, rate);
+    input.convert(rate);
     std::vector<short> all, block(4096);
-    while (const std::size_t got = reader.read(block.data(), block.size())) {
+    while (const std::size_t got = input.read(block.data(), block.size())) {
         all.insert(all.end(), block.begin(), block.begin() + static_cast<std::ptrdiff_t>(got));
     }
     return all;

@@ -6,7 +6,6 @@
 #include <soxr.h>
 
 #include <cstddef>
-#include <exception>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,46 +26,34 @@ void add_audio_options(CLI::App& command, AudioOptions& options);
 
 using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
-// Any file that libsndfile reads, or standard input ("-"), read from front to end, a block at a time.
-// Warns at the end of one that holds less than it should, or whose header was no help.
+// Any file that libsndfile reads, or standard input ("-"), read from front to end, a block at a time:
+// 16 bits, one channel. What is beyond full scale is clipped and counted. Warns at the end of one that
+// holds less than it should, or whose header was no help.
 class AudioInput {
 public:
     AudioInput(const std::string& path, const AudioOptions& options);  // throws Failure
 
     int rate() const { return info_.samplerate; }  // Hz, as recorded
-    double share() const;  // read so far, 0 .. 1; 0 when the length is not known, as of a pipe
-    // Up to `count` samples of the one channel, full scale = 1; fewer only at the end. Throws Failure.
-    std::size_t read(float* samples, std::size_t count);
+    void convert(int rate);  // to this many Hz, before anything is read; throws Failure
+    double share() const;    // read so far, 0 .. 1; 0 when the length is not known, as of a pipe
+    // Up to `count` samples; fewer only at the end. Throws Failure.
+    std::size_t read(short* samples, std::size_t count);
+    long long clipped() const { return clipped_; }  // samples so far
 
 private:
     void look_behind_header(sf_count_t size);
+    std::size_t read_recorded(float* samples, std::size_t count);
 
     std::string path_;
     int descriptor_, channel_;
     SF_INFO info_{};
     SoundFile sound_{nullptr, sf_close};
-    std::vector<float> block_;
+    std::unique_ptr<soxr, void (*)(soxr*)> resampler_{nullptr, soxr_delete};
+    std::vector<float> block_, in_, out_;  // all channels; before and after conversion
     double heard_ = 0,
            promised_ = 0;      // frames: read, and claimed by the header if that may be right
     bool open_ended_ = false;  // it may not, and is that of a file
     bool ended_ = false;
-};
-
-// Converts an input to `rate` Hz and 16 bits. What is beyond full scale is clipped and counted.
-class PcmReader {
-public:
-    PcmReader(AudioInput& input, int rate);  // throws Failure
-
-    std::size_t read(short* samples, std::size_t count);  // fewer than `count` only at the end
-    long long clipped() const { return clipped_; }        // samples so far
-
-private:
-    static std::size_t supply(void* reader, soxr_cbuf_t* samples, std::size_t count);
-
-    AudioInput& input_;
-    std::unique_ptr<soxr, void (*)(soxr*)> resampler_{nullptr, soxr_delete};
-    std::vector<float> in_, out_;  // before and after conversion
-    std::exception_ptr failure_;   // of the input while the converter asked for more
     long long clipped_ = 0;
 };
 

@@ -70,24 +70,24 @@ int detect_file(const Options& options, const std::string& file, SegmentWriter& 
     }
     const auto session = open_session(options.session, input.rate());
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
-    PcmReader reader(input, rate);
+    input.convert(rate);
     Cutter cutter(options.cut, stem(file), rate);
     warn_of_doubts(*session, options.session);
     writer.begin(display_name(file), options.files.size() > 1);
     Reporter reporter(display_name(file), writer, output, cutter, progress);
     Listener listener(*session, reporter);
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
-    while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
+    while (const std::size_t got = input.read(chunk.data(), chunk.size())) {
         listener.push(chunk.data(), static_cast<int>(got));
         progress.show(display_name(file), input.share());
     }
     listener.finish();
     writer.end({display_name(file), input.rate(), model_path(options.session, input.rate()),
-                listener.seconds(), reader.clipped()});
+                listener.seconds(), input.clipped()});
     progress.clear();
-    if (reader.clipped() > 0) {
+    if (input.clipped() > 0) {
         print_warning(format("%s: %lld samples beyond full scale were clipped",
-                             display_name(file).c_str(), reader.clipped()));
+                             display_name(file).c_str(), input.clipped()));
     }
     return reporter.count();
 }

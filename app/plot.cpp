@@ -484,13 +484,13 @@ int run(const Options& options) {
     AudioInput input(options.file, options.audio);
     const auto session = open_session(options.session, input.rate());
     warn_of_doubts(*session, options.session);
-    PcmReader reader(input, static_cast<int>(session->mfeGetParam(kSampleRate)));
+    input.convert(static_cast<int>(session->mfeGetParam(kSampleRate)));
     OutputFile output(options.output);
     Story story(*session);
     Listener listener(*session, story);
     Progress progress;
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
-    while (const std::size_t got = reader.read(chunk.data(), chunk.size())) {
+    while (const std::size_t got = input.read(chunk.data(), chunk.size())) {
         if (extension == ".html" && story.frames() > kLongestPage) {
             throw Failure(name, kTooLong);
         }
@@ -513,7 +513,7 @@ int run(const Options& options) {
         {"recordedRate", input.rate()},
         {"rate", session->mfeGetParam(kSampleRate)},
         {"seconds", listener.seconds()},
-        {"clipped", reader.clipped()},
+        {"clipped", input.clipped()},
         {"parameters", changed_parameters(*session)},
         {"start", threshold(session->_m_f_speech_threshold)},
         {"stop", threshold(session->_m_f_sil_threshold)},
