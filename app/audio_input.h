@@ -12,10 +12,6 @@
 
 #include "program.h"
 
-namespace CLI {
-class App;
-}
-
 struct AudioOptions {
     int raw_rate = 0;  // Hz of headerless 16-bit mono PCM; 0: the file has a header
     int channel = 0;   // 1, 2, ...; 0: the average of all channels

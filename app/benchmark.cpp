@@ -7,7 +7,6 @@
 #include <nlohmann/json.hpp>
 
 #include "audio_input.h"
-#include "commands.h"
 #include "json_text.h"
 #include "listener.h"
 #include "memory_count.h"

@@ -7,10 +7,6 @@
 
 #include "audio_input.h"
 
-namespace CLI {
-class App;
-}
-
 // Adds --cut to a command.
 void add_cut_option(CLI::App& command, std::string& folder);
 

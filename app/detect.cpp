@@ -4,7 +4,6 @@
 #include <map>
 
 #include "audio_input.h"
-#include "commands.h"
 #include "cutter.h"
 #include "listener.h"
 #include "program.h"

@@ -2,7 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
-#include "commands.h"
 #include "json_text.h"
 #include "memory_count.h"
 #include "model_file.h"

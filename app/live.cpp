@@ -11,7 +11,6 @@
 
 #include "audio_input.h"
 #include "capture.h"
-#include "commands.h"
 #include "cutter.h"
 #include "json_text.h"
 #include "listener.h"

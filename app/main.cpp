@@ -2,7 +2,6 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
-#include "commands.h"
 #include "program.h"
 
 namespace {

@@ -11,7 +11,6 @@
 #include <tuple>
 
 #include "audio_input.h"
-#include "commands.h"
 #include "json_text.h"
 #include "listener.h"
 #include "program.h"

@@ -1,4 +1,4 @@
-// What all commands of the program share: failures, standard output, files, progress.
+// The program's commands, and what all share: failures, standard output, files, progress.
 #ifndef DNNVAD_APP_PROGRAM_H
 #define DNNVAD_APP_PROGRAM_H
 
@@ -6,8 +6,25 @@
 
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <stdexcept>
 #include <string>
+
+namespace CLI {
+class App;
+}
+
+// What runs after the command line has been read; returns the exit status.
+using Action = std::function<int()>;
+
+// The commands. Each adds itself to the command line and becomes the action when it is chosen.
+void add_detect(CLI::App& program, Action& action);
+void add_live(CLI::App& program, Action& action);
+void add_plot(CLI::App& program, Action& action);
+void add_tune(CLI::App& program, Action& action);
+void add_info(CLI::App& program, Action& action);
+void add_bench(CLI::App& program, Action& action);
+void add_record_bleep(CLI::App& program, Action& action);
 
 // Something could not be done: the program prints "dnnvad: what: why" and ends with status 1.
 struct Failure : std::runtime_error {

@@ -13,7 +13,6 @@
 #include <random>
 
 #include "audio_input.h"
-#include "commands.h"
 #include "listener.h"
 #include "program.h"
 #include "session_options.h"

@@ -7,10 +7,7 @@
 #include <vector>
 
 #include "dnnvad/dnn_vad.h"
-
-namespace CLI {
-class App;
-}
+#include "program.h"
 
 // Session parameters that the program itself reads back (dnn_vad.h lists them all).
 enum ParameterId {

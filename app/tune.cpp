@@ -24,7 +24,6 @@
 #include <thread>
 
 #include "audio_input.h"
-#include "commands.h"
 #include "json_text.h"
 #include "program.h"
 #include "scoring.h"
