@@ -19,14 +19,14 @@ using tz_dnnvad::CMFE;
 namespace {
 
 constexpr int kWideRate = 16000;  // Hz, from which on the 16 kHz model listens
-constexpr double kFrameMilliseconds = 10.0;
+constexpr double kFramesPerSecond = 100;
 constexpr int kBufferReserve = 100;    // frames
 constexpr int kLongestBuffer = 60000;  // frames, 10 minutes
 constexpr float kMostFrames = 1e9F;    // what is longer is told no further apart
 constexpr char kPrefix[] = "PARAM_";
 constexpr int kMostWarnings = 5;
 
-enum class Unit { kFrames, kSamples, kHertz, kScore, kSwitch, kLevel };
+enum class Unit { kFrames, kSamples, kNumber, kScore, kSwitch };
 
 struct Parameter {
     int id;
@@ -43,7 +43,7 @@ float member(const cfg_vad_t& config) {
 // In the order in which they are applied: what sizes buffers first; the wait limit (which may lower the
 // pause limit) before the pause limit, and before the wait after short speech, which it bounds.
 constexpr Parameter kParameters[] = {
-    {kSampleRate, "SAMPLE_RATE", Unit::kHertz, member<&cfg_vad_t::sample_rate>},
+    {kSampleRate, "SAMPLE_RATE", Unit::kNumber, member<&cfg_vad_t::sample_rate>},
     {kBufferLength, "BUFFER_LENGTH", Unit::kSamples, nullptr},
     {1, "MAX_WAIT_DURATION", Unit::kFrames, member<&cfg_vad_t::max_wait>},
     {kMaxPause, "MAX_SP_PAUSE", Unit::kFrames, member<&cfg_vad_t::max_sp_pause>},
@@ -52,7 +52,7 @@ constexpr Parameter kParameters[] = {
     {kHeadSilence, "HEAD_SIL_DURATION", Unit::kFrames, member<&cfg_vad_t::head_sil_duration>},
     {kStartMargin, "START_BACK_FRAME", Unit::kFrames, member<&cfg_vad_t::start_back_frame>},
     {kEndMargin, "END_BACK_FRAME", Unit::kFrames, member<&cfg_vad_t::end_back_frame>},
-    {kDebugLog, "DEBUG_LOG", Unit::kLevel, member<&cfg_vad_t::debug_log>},
+    {kDebugLog, "DEBUG_LOG", Unit::kNumber, member<&cfg_vad_t::debug_log>},
     {10, "DETECT_START", Unit::kFrames, member<&cfg_vad_t::detect_start>},
     {11, "DETECTION", Unit::kSwitch, nullptr},
     {12, "SPEECH_ONLY", Unit::kSwitch, nullptr},
@@ -72,8 +72,8 @@ std::string lower(std::string text) {
 const Parameter& parameter_named(const std::string& name) {
     std::string known;
     for (const Parameter& parameter : kParameters) {
-        if (lower(parameter.name) == lower(name) ||
-            lower(kPrefix + std::string(parameter.name)) == lower(name)) {
+        if (lower(name) == lower(parameter.name) ||
+            lower(name) == lower(kPrefix + std::string(parameter.name))) {
             return parameter;
         }
         known += "\n  " + lower(parameter.name);
@@ -84,28 +84,27 @@ const Parameter& parameter_named(const std::string& name) {
 // The number that a text like "60", "600ms" or "0.6s" stands for in the parameter's own unit.
 float parse_value(const Parameter& parameter, const std::string& text, double rate,
                   const std::string& name = "") {
-    // Per unit of the parameter: what one millisecond is.
-    const double per_millisecond = parameter.unit == Unit::kFrames    ? 1.0 / kFrameMilliseconds
-                                   : parameter.unit == Unit::kSamples ? rate / 1000.0
-                                                                      : 0.0;
-    const std::map<std::string, double> units{
-        {"", 1.0}, {"ms", per_millisecond}, {"s", 1000.0 * per_millisecond}};
+    const double per_second = parameter.unit == Unit::kFrames    ? kFramesPerSecond
+                              : parameter.unit == Unit::kSamples ? rate
+                                                                 : 0;
     char* end = nullptr;
     const double number = std::strtod(text.c_str(), &end);
-    const auto unit = units.find(lower(end));
-    const bool is_switch = parameter.unit == Unit::kSwitch;
-    // (0.6 is meant to be seconds)
-    const bool seconds = per_millisecond != 0.0 && *end == '\0' && number != std::floor(number);
-    if (seconds || end == text.c_str() || unit == units.end() || unit->second == 0.0 ||
-        !std::isfinite(number) || number < 0 || (is_switch && number != 0 && number != 1)) {
+    const std::string unit = lower(end);
+    const double scale = unit.empty()   ? 1
+                         : unit == "ms" ? per_second / 1000
+                         : unit == "s"  ? per_second
+                                        : 0;
+    const bool is_switch = parameter.unit == Unit::kSwitch, is_time = per_second != 0;
+    const bool seconds = is_time && unit.empty() && number != std::floor(number);  // 0.6 is 0.6s
+    if (seconds || end == text.c_str() || scale == 0 || !std::isfinite(number) || number < 0 ||
+        (is_switch && number != 0 && number != 1)) {
         const char* const wanted = is_switch ? "0 or 1"
-                                   : per_millisecond == 0.0
-                                       ? "a number that is not negative"
-                                       : "a whole number, or a time such as 600ms or 0.6s";
+                                   : is_time ? "a whole number, or a time such as 600ms or 0.6s"
+                                             : "a number that is not negative";
         throw UsageError((name.empty() ? lower(parameter.name) : name) + " takes " + wanted +
                          ", not '" + text + "'");
     }
-    const double value = number * unit->second;
+    const double value = number * scale;
     return static_cast<float>(parameter.unit == Unit::kScore ? value : std::round(value));
 }
 
@@ -163,14 +162,6 @@ std::set<std::string> keys_of(const std::string& path, bool warn) {
     return keys;
 }
 
-void set_parameter(CMFE& session, const Parameter& parameter, float value,
-                   const std::string& file) {
-    if (session.mfeSetParam(parameter.id, value) != 0) {
-        const std::string what = format("%s cannot be %g", lower(parameter.name).c_str(), value);
-        file.empty() ? throw UsageError("--set: " + what) : throw Failure(file, what);
-    }
-}
-
 // Audio is handed out from a ring: it has to hold the margin before speech, and the pause after which
 // speech goes on, since that one is handed out when it does. So many frames are needed.
 int longest_handed_out(const CMFE& session) {
@@ -188,8 +179,9 @@ void lengthen_buffer(CMFE& session) {
 }
 
 // The host's part of a configuration: what the file sets, then what --set says, in the table's order.
-void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session) {
+void apply(const SessionOptions& options, CMFE& session) {
     static std::atomic<bool> warned{false};  // once, however many sessions take the file
+    const cfg_vad_t config = read_config(options.config);
     const std::set<std::string> keys =
         keys_of(options.config, !options.config.empty() && !warned.exchange(true));
     std::map<int, std::string> chosen;
@@ -198,13 +190,16 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
         chosen[parameter->id] = text;
     }
     for (const Parameter& parameter : kParameters) {
-        const auto choice = chosen.find(parameter.id);
-        if (choice != chosen.end()) {
-            const double rate = session.mfeGetParam(kSampleRate);
-            set_parameter(session, parameter, parse_value(parameter, choice->second, rate), "");
-        } else if (parameter.value != nullptr &&
-                   keys.count(std::string(kPrefix) + parameter.name) != 0) {
-            set_parameter(session, parameter, parameter.value(config), options.config);
+        const bool is_chosen = chosen.count(parameter.id) != 0;
+        if (!is_chosen && keys.count(kPrefix + std::string(parameter.name)) == 0) {
+            continue;
+        }
+        const float value = is_chosen ? parse_value(parameter, chosen[parameter.id],
+                                                    session.mfeGetParam(kSampleRate))
+                                      : parameter.value(config);
+        if (session.mfeSetParam(parameter.id, value) != 0) {
+            const auto what = format("%s cannot be %g", lower(parameter.name).c_str(), value);
+            is_chosen ? throw UsageError("--set: " + what) : throw Failure(options.config, what);
         }
     }
     if (chosen.count(kBufferLength) == 0) {
@@ -212,40 +207,21 @@ void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session
     }
 }
 
-std::string chosen_model(const SessionOptions& options, const cfg_vad_t& config,
-                         int recording_rate) {
-    if (!options.model.empty()) {
-        return options.model;
-    }
-    if (config.dnn_file[0] != '\0') {  // (a name of the full length has no final zero)
-        return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
-    }
-    return bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
-}
-
 }  // namespace
 
 void add_session_options(CLI::App& command, SessionOptions& options, bool margin) {
-    const char* const group = "Detection";
-    command
-        .add_option("--model", options.model, "Network model (default: bundled, by sample rate)")
-        ->type_name("FILE")
-        ->group(group);
-    command
-        .add_option("--bleep", options.bleep, "Template of the device's prompt, see record-bleep")
-        ->type_name("FILE")
-        ->group(group);
-    command.add_option("--config", options.config, "Configuration file of PARAM_NAME:value lines")
-        ->type_name("FILE")
-        ->group(group);
-    command
-        .add_option("--set", options.set,
-                    "A parameter by name, such as max_sp_pause=600ms or\n"
-                    "dnn_speech_threshold=0.3; frames of 10 ms without a unit")
+    const auto add = [&command](const char* name, auto& value, const char* about) {
+        return command.add_option(name, value, about)->type_name("FILE")->group("Detection");
+    };
+    add("--model", options.model, "Network model (default: bundled, by sample rate)");
+    add("--bleep", options.bleep, "Template of the device's prompt, see record-bleep");
+    add("--config", options.config, "Configuration file of PARAM_NAME:value lines");
+    add("--set", options.set,
+        "A parameter by name, such as max_sp_pause=600ms or\n"
+        "dnn_speech_threshold=0.3; frames of 10 ms without a unit")
         ->type_name("NAME=VALUE")
         ->take_all()
-        ->allow_extra_args(false)
-        ->group(group);
+        ->allow_extra_args(false);
     if (!margin) {
         return;
     }
@@ -259,34 +235,40 @@ void add_session_options(CLI::App& command, SessionOptions& options, bool margin
         .add_option_function<std::string>(
             "--margin", set, "Audio kept before and after speech, as 40 (frames) or 300ms")
         ->type_name("TIME")
-        ->group(group);
+        ->group("Detection");
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {
-    return chosen_model(options, read_config(options.config), recording_rate);
+    if (!options.model.empty()) {
+        return options.model;
+    }
+    const cfg_vad_t config = read_config(options.config);
+    if (config.dnn_file[0] != '\0') {  // (a name of the full length has no final zero)
+        return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
+    }
+    return bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
 }
 
 std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_rate) {
     auto session = std::make_unique<CMFE>();
-    const cfg_vad_t config = read_config(options.config);
-    apply(options, config, *session);
-    const std::string model = chosen_model(options, config, recording_rate);
-    const char* const bleep = options.bleep.empty() ? nullptr : options.bleep.c_str();
-    const auto about = bleep != nullptr ? describe_file(options.bleep, ModelKind::kTemplate)
-                                        : nlohmann::ordered_json();
-    const bool wanted = session->mfeGetParam(kBleepDetect) != 0;
+    apply(options, *session);
+    const std::string model = model_path(options, recording_rate);
+    const bool wanted = session->mfeGetParam(kBleepDetect) != 0, given = !options.bleep.empty();
+    const auto bins =
+        given ? describe_file(options.bleep, ModelKind::kTemplate).value("bins", 0) : 0;
     describe_file(model, ModelKind::kNetwork);
+    const char* const bleep = given ? options.bleep.c_str() : nullptr;
     if (session->mfeInit_load_model(model.c_str(), bleep) != 0) {
         throw Failure(model, "there is no memory for this network model");
     }
     if (const int rate = session->_m_n_sample_rate; rate != 8000 && rate != 16000) {
         throw Failure(model, format("for %d Hz, neither 8000 nor 16000", rate));
     }
-    if (bleep != nullptr && about.value("bins", 0) != session->_m_n_fft_size) {
+    if (given && bins != session->_m_n_fft_size) {
         throw Failure(options.bleep, format("no template for models of %s Hz",
                                             session->_m_b_16k_model ? "16000" : "8000"));
     }
-    if (bleep != nullptr && wanted && session->mfeGetParam(kBleepDetect) == 0) {
+    if (given && wanted && session->mfeGetParam(kBleepDetect) == 0) {
         throw Failure(options.bleep,
                       "not a usable template for this model (dnnvad info tells more)");
     }
@@ -347,7 +329,7 @@ std::vector<std::string> changed_parameters(CMFE& session) {
         const double now = value(parameter, session), usual = value(parameter, fresh);
         if (now != usual && parameter.id != kSampleRate && parameter.id != kBleepDetect) {
             const bool frames = parameter.unit == Unit::kFrames || parameter.unit == Unit::kSamples;
-            const double scale = frames ? kFrameMilliseconds : 1;
+            const double scale = frames ? 1000 / kFramesPerSecond : 1;
             const char* const unit = frames ? " ms" : "";
             changed.push_back(format("%s %g%s (default %g%s)", lower(parameter.name).c_str(),
                                      now * scale, unit, usual * scale, unit));
