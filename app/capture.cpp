@@ -16,16 +16,14 @@ extern "C" void stay_silent(const char*, int, const char*, int, const char*, ...
 
 }  // namespace
 
-Capture::Capture(const std::string& device, int rate, const volatile std::sig_atomic_t& stop)
-    : stop_(stop) {
+Capture::Capture(const std::string& device, int rate) {
     snd_lib_error_set_handler(stay_silent);
     if (const int error = open(device); error < 0) {
         throw Failure("capture device " + device,
                       std::string(snd_strerror(error)) + " (live --list names the devices)");
     }
     // A device that has only other rates or more channels is opened anew through ALSA's converter.
-    const auto hertz = static_cast<unsigned>(rate);
-    if (!configure(hertz) && (open("plug:SLAVE='" + device + "'") < 0 || !configure(hertz))) {
+    if (!configure(rate) && (open("plug:SLAVE='" + device + "'") < 0 || !configure(rate))) {
         throw Failure(device,
                       format("offers no 16-bit capture at %d Hz, not even converted", rate));
     }
@@ -40,18 +38,18 @@ int Capture::open(const std::string& device) {
     return error < 0 ? error : snd_pcm_nonblock(pcm, 0);
 }
 
-bool Capture::configure(unsigned rate) {
+bool Capture::configure(int rate) {
     snd_pcm_t* const pcm = pcm_.get();
     snd_pcm_hw_params_t* params = nullptr;
-    snd_pcm_uframes_t period = rate / kPeriodsPerSecond,
-                      buffer = kBufferPeriods * period;  // or nearly
+    const auto hertz = static_cast<unsigned>(rate);
+    snd_pcm_uframes_t period = hertz / kPeriodsPerSecond, buffer = kBufferPeriods * period;
     const bool done =
         snd_pcm_hw_params_malloc(&params) >= 0 && snd_pcm_hw_params_any(pcm, params) >= 0 &&
         snd_pcm_hw_params_set_rate_resample(pcm, params, 1) >= 0 &&
         snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED) >= 0 &&
         snd_pcm_hw_params_set_format(pcm, params, SND_PCM_FORMAT_S16_LE) >= 0 &&
         snd_pcm_hw_params_set_channels(pcm, params, 1) >= 0 &&
-        snd_pcm_hw_params_set_rate(pcm, params, rate, 0) >= 0 &&
+        snd_pcm_hw_params_set_rate(pcm, params, hertz, 0) >= 0 &&
         snd_pcm_hw_params_set_period_size_near(pcm, params, &period, nullptr) >= 0 &&
         snd_pcm_hw_params_set_buffer_size_near(pcm, params, &buffer) >= 0 &&
         snd_pcm_hw_params(pcm, params) >= 0;
@@ -62,7 +60,7 @@ bool Capture::configure(unsigned rate) {
 int Capture::read(short* samples, int count) {
     std::fill_n(samples, count, short{0});  // (a device that plays a file is silent beyond its end)
     int done = 0;
-    while (done < count && stop_ == 0 && failure_.empty()) {
+    while (done < count && stopping == 0 && failure_.empty()) {
         const auto wanted = static_cast<snd_pcm_uframes_t>(count - done);
         const int got = static_cast<int>(snd_pcm_readi(pcm_.get(), samples + done, wanted));
         done += std::max(got, 0);

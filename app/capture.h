@@ -4,7 +4,6 @@
 
 #include <alsa/asoundlib.h>
 
-#include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -12,20 +11,18 @@
 // Mono 16-bit PCM at `rate` Hz; ALSA converts where the device has nothing of the kind.
 class Capture {
 public:
-    // `stop`, borrowed, ends the stream once a signal handler has set it. Throws Failure.
-    Capture(const std::string& device, int rate, const volatile std::sig_atomic_t& stop);
+    Capture(const std::string& device, int rate);  // throws Failure
 
-    // The next samples; fewer than `count` when the signal or the device has ended the stream.
+    // The next samples; fewer than `count` when a signal or the device has ended the stream.
     int read(short* samples, int count);
     int overruns() const { return overruns_; }  // times that samples were lost; the stream goes on
     const std::string& failure() const { return failure_; }  // why the device gave up, or ""
 
 private:
     int open(const std::string& device);
-    bool configure(unsigned rate);
+    bool configure(int rate);
 
     std::unique_ptr<snd_pcm_t, int (*)(snd_pcm_t*)> pcm_{nullptr, snd_pcm_close};
-    const volatile std::sig_atomic_t& stop_;
     int overruns_ = 0;
     std::string failure_;
 };

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <ctime>
 #include <limits>
+#include <numeric>
 
 #include "audio_input.h"
 #include "capture.h"
@@ -40,71 +41,85 @@ struct Options {
     SessionOptions session;
 };
 
+// Files are named after the time when listening began, so that no recording replaces an earlier one.
+std::string cut_name() {
+    char text[32] = "";
+    std::timespec now{};
+    std::timespec_get(&now, TIME_UTC);
+    std::strftime(text, sizeof text, "live-%Y%m%d-%H%M%S", std::localtime(&now.tv_sec));
+    return format("%s-%03ld", text, now.tv_nsec / 1000000);
+}
+
 // Prints events, keeps audio, and draws the status line if standard error is a terminal.
-class Monitor : public Watcher {
+class Monitor : public Cutter {
 public:
-    Monitor(const tz_dnnvad::CMFE& session, const Options& options, FILE* stream, Cutter& cutter)
-        : session_(session), options_(options), stream_(stream), cutter_(cutter) {}
+    Monitor(const tz_dnnvad::CMFE& session, const Capture& capture, const Options& options,
+            int rate)
+        : Cutter(options.cut, cut_name(), rate),
+          session_(session),
+          capture_(capture),
+          json_(options.format == "json"),
+          keeps_first_(options.once && isatty(fileno(results())) == 0),
+          rate_(rate) {}
 
     void frame(const Frame& frame) override { frame_ = frame; }
     void began(const Utterance& u) override {
+        Cutter::began(u);
         idle_ = false;
-        cutter_.begin();
-        const long late = std::lround(1000 * (u.decided - u.speech_start));
-        say({{"type", "began"},
-             {"time", hundredths(u.decided)},
-             {"first_speech", hundredths(u.speech_start)},
-             {"latency_ms", late}},
+        const long late = milliseconds(u.decided - u.speech_start);
+        say("began", u.decided,
+            {{"first_speech", hundredths(u.speech_start)}, {"latency_ms", late}},
             format("speech began at %.2f, %ld ms ago", u.speech_start, late));
     }
     void audio(const short* samples, int count) override {
-        cutter_.write(samples, count);
-        if (options_.once && utterances_ == 0) {
-            audio_.insert(audio_.end(), samples, samples + count);
+        Cutter::audio(samples, count);
+        if (keeps_first_ && utterances_ == 0) {
+            first_.insert(first_.end(), samples, samples + count);
         }
     }
     void ended(const Utterance& u) override {
         ++utterances_;
-        const std::string cut = cutter_.keep();
-        const long late = std::lround(1000 * (u.decided - u.last_speech));
-        Json event{{"type", "ended"}, {"time", hundredths(u.decided)}, {"latency_ms", late}};
-        event.update(utterance_json(u, cut));
-        say(event, format("utterance from %.2f to %.2f, ended by %s, last speech %ld ms ago%s%s",
-                          u.start, u.end, u.reason, late, cut.empty() ? "" : "  ", cut.c_str()));
+        const std::string cut = keep();
+        const long late = milliseconds(u.decided - u.last_speech);
+        Json details{{"latency_ms", late}};
+        details.update(utterance_json(u, cut));
+        say("ended", u.decided, details,
+            format("utterance from %.2f to %.2f, ended by %s, last speech %ld ms ago%s%s", u.start,
+                   u.end, u.reason, late, cut.empty() ? "" : "  ", cut.c_str()));
     }
     void forgotten(const Utterance& u, bool prompt) override {
-        cutter_.drop();
-        audio_.clear();
-        const double now = hundredths(u.decided), start = hundredths(u.speech_start);
-        say({{"type", "forgotten"}, {"time", now}, {"first_speech", start}, {"prompt", prompt}},
+        Cutter::forgotten(u, prompt);
+        first_.clear();
+        const double start = hundredths(u.speech_start);
+        say("forgotten", u.decided, {{"first_speech", start}, {"prompt", prompt}},
             format("forgotten: %s at %.2f", prompt ? "the prompt" : "a blip", start));
     }
     void timed_out(double seconds) override {
         if (!idle_) {
-            say({{"type", "time-out"}, {"time", hundredths(seconds)}}, "time-out");
+            say("time-out", seconds, Json::object(), "time-out");
         }
         idle_ = true;
     }
-    void stream_ended(double seconds, int status, int overruns) {
+    void stream_ended(double seconds, int status) {
         set_status(status);
         if (terminal_) {
-            draw(overruns);
+            draw();
             std::fputc('\n', stderr);
         }
         terminal_ = false;  // the last picture stays
-        say({{"type", "stream"},
-             {"time", hundredths(seconds)},
-             {"utterances", utterances_},
-             {"overruns", overruns}},
+        const int overruns = capture_.overruns();
+        say("stream", seconds, {{"utterances", utterances_}, {"overruns", overruns}},
             format("stream ended, utterances: %d, overruns: %d", utterances_, overruns));
+        if (keeps_first_ && utterances_ > 0) {
+            write_wav(results(), first_, rate_);
+        }
     }
 
     // Takes what the session has just heard, and its status since.
-    void meter(const short* samples, int count, int status, int overruns) {
-        double power = 0;
-        for (int k = 0; k < count; ++k) {
-            power += static_cast<double>(samples[k]) * samples[k] / count;
-        }
+    void meter(const std::vector<short>& samples, int count, int status) {
+        const double power =
+            std::inner_product(samples.begin(), samples.begin() + count, samples.begin(), 0.0) /
+            count;
         power_ += (power - power_) / kMeterFrames;
         if (frame_.state == kSilence) {
             quiet_ = std::min(quiet_ + 1, kNoiseFrames);
@@ -115,14 +130,14 @@ public:
             set_status(status);
         }
         if (++frames_ % kMeterFrames == 0 && terminal_) {
-            draw(overruns);
+            draw();
         }
     }
 
     int utterances() const { return utterances_; }
-    const std::vector<short>& first_utterance() const { return audio_; }
 
 private:
+    static long milliseconds(double seconds) { return std::lround(1000 * seconds); }
     static double decibels(double power) {
         return std::max(kFloorDb, 10 * std::log10(power / (32768.0 * 32768.0)));
     }
@@ -131,18 +146,21 @@ private:
         status_frames_ = status == status_ ? status_frames_ : 0;
         status_ = status;
     }
-    void say(const Json& event, const std::string& text) {
+    void say(const char* type, double seconds, const Json& details, const std::string& text) const {
         if (terminal_) {
             std::fputs(kClearLine, stderr);
         }
-        const std::string json = json_text(event);
-        const std::string line = format("%8.2f  %s", event["time"].get<double>(), text.c_str());
-        std::fprintf(stream_, "%s\n", options_.format == "json" ? json.c_str() : line.c_str());
-        stream_ == results() ? finish_output() : static_cast<void>(std::fflush(stream_));
+        Json event{{"type", type}, {"time", hundredths(seconds)}};
+        event.update(details);
+        FILE* const stream = keeps_first_ ? stderr : results();
+        std::fprintf(stream, "%s\n",
+                     json_ ? json_text(event).c_str()
+                           : format("%8.2f  %s", hundredths(seconds), text.c_str()).c_str());
+        keeps_first_ ? static_cast<void>(std::fflush(stream)) : finish_output();
     }
 
     // (what goes beyond the end of the terminal's line is not wrapped: it could not be taken back)
-    void draw(int overruns) const {
+    void draw() const {
         const double level = decibels(power_), share = std::clamp(1 - level / kBarDb, 0.0, 1.0);
         const std::string bar(static_cast<std::size_t>(std::lround(kBarCells * share)), '#');
         std::fprintf(stderr,
@@ -150,32 +168,22 @@ private:
                      "%d overruns\033[?7h",
                      kClearLine, kBarCells, bar.c_str(), level, noise_, frame_.score,
                      session_._m_f_speech_threshold, session_._m_f_sil_threshold,
-                     kStatusNames[status_], 0.01 * status_frames_, overruns);
+                     kStatusNames[status_], 0.01 * status_frames_, capture_.overruns());
         std::fflush(stderr);
     }
 
     const tz_dnnvad::CMFE& session_;
-    const Options& options_;
-    FILE* stream_;
-    Cutter& cutter_;
-    int utterances_ = 0;
+    const Capture& capture_;
+    bool json_, keeps_first_;  // the first utterance goes to standard output, events do not
+    int rate_, utterances_ = 0;
     bool idle_ = false;         // of the time-outs since the last speech only the first one is told
-    std::vector<short> audio_;  // of the first utterance
+    std::vector<short> first_;  // audio of the first utterance
     bool terminal_ = isatty(STDERR_FILENO) != 0;
     Frame frame_{0, kSilence, 0, 0, nullptr, 0};
     double power_ = 0;         // mean of the latest frames
     double noise_ = kFloorDb;  // dB full scale, of the latest frames without speech
     int frames_ = 0, quiet_ = 0, status_ = 0, status_frames_ = 0;
 };
-
-// Files are named after the time when listening began, so that no recording replaces an earlier one.
-std::string cut_name() {
-    char text[32] = "";
-    std::timespec now{};
-    std::timespec_get(&now, TIME_UTC);
-    std::strftime(text, sizeof text, "live-%Y%m%d-%H%M%S", std::localtime(&now.tv_sec));
-    return format("%s-%03ld", text, now.tv_nsec / 1000000);
-}
 
 int run(const Options& options) {
     if (options.list) {
@@ -185,14 +193,12 @@ int run(const Options& options) {
     SessionOptions wanted = options.session;
     const auto session = open_session(wanted, options.rate > 0 ? options.rate : kUsualRate);
     const int rate = static_cast<int>(session->mfeGetParam(kSampleRate));
-    Capture capture(options.device, rate, stopping);
-    Cutter cutter(options.cut, cut_name(), rate);
+    Capture capture(options.device, rate);
+    Monitor monitor(*session, capture, options, rate);
     if (options.rate > 0) {
         wanted.set.push_back(format("sample_rate=%d", options.rate));
     }
     warn_of_doubts(*session, wanted);
-    const bool audio_out = options.once && isatty(fileno(results())) == 0;
-    Monitor monitor(*session, options, audio_out ? stderr : results(), cutter);
     Listener listener(*session, monitor);
     stop_on_signals();
     std::vector<short> chunk(static_cast<std::size_t>(listener.chunk()));
@@ -202,17 +208,14 @@ int run(const Options& options) {
            listener.seconds() < options.seconds) {
         if (const int count = capture.read(chunk.data(), listener.chunk()); count > 0) {
             status = listener.push(chunk.data(), count);
-            monitor.meter(chunk.data(), count, status, capture.overruns());
+            monitor.meter(chunk, count, status);
         }
         // (as the head silence runs out speech may just begin: then it is awaited)
         heard = options.once &&
                 (monitor.utterances() > 0 || (status == kTimedOut && !listener.speaking()));
     }
     status = heard ? status : listener.finish();
-    monitor.stream_ended(listener.seconds(), status, capture.overruns());
-    if (audio_out && monitor.utterances() > 0) {
-        write_wav(results(), monitor.first_utterance(), rate);
-    }
+    monitor.stream_ended(listener.seconds(), status);
     if (!capture.failure().empty()) {
         throw Failure(options.device, capture.failure());
     }
