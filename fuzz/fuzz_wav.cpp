@@ -13,12 +13,12 @@ void fuzz::one_input(const std::uint8_t* data, std::size_t size) {
     try {
         AudioInput input(file.hold(reader.rest(), reader.left()), options);
         // (few conversions: designing their filters takes a thousand times as long as all else)
-        PcmReader pcm(input, choice == 7 ? 8000 : choice == 6 ? 16000 : input.rate());
+        input.convert(choice == 7 ? 8000 : choice == 6 ? 16000 : input.rate());
         std::vector<short> block(480);
         // A header may claim hours of silence.
-        for (int blocks = 0; blocks < 20 && pcm.read(block.data(), block.size()) > 0; ++blocks) {
+        for (int blocks = 0; blocks < 20 && input.read(block.data(), block.size()) > 0; ++blocks) {
         }
-        if (!(input.share() >= 0 && input.share() <= 1) || pcm.clipped() < 0) {
+        if (!(input.share() >= 0 && input.share() <= 1) || input.clipped() < 0) {
             fault("a share beyond 0 .. 1");
         }
     } catch (const Failure&) {
