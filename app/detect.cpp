@@ -95,8 +95,8 @@ struct TextGridTier {
     int count = 0;
     double covered = 0;  // seconds
 
-    void extend(double to, const char* text) {
-        if (to > covered) {
+    void extend(double to, const char* text, bool always = false) {
+        if (to > covered || always) {
             intervals += format(
                 "        intervals [%d]:\n            xmin = %.4f\n            xmax = %.4f\n"
                 "            text = \"%s\"\n",
@@ -120,7 +120,7 @@ std::string textgrid_end(const Summary& s) {
         "xmax = %.4f\ntiers? <exists>\nsize = 2\nitem []:\n",
         s.seconds);
     for (const int k : {0, 1}) {
-        tiers[k].extend(s.seconds, "");
+        tiers[k].extend(s.seconds, "", tiers[k].count == 0);
         text += format(
             "    item [%d]:\n        class = \"IntervalTier\"\n        name = \"%s\"\n"
             "        xmin = 0\n        xmax = %.4f\n        intervals: size = %d\n",
