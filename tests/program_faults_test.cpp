@@ -19,7 +19,7 @@ constexpr unsigned kBytes = 5 * 16000, kUnknown = 0xffffffff;
 const std::string kSamples = read_file(source("samples/roadsigns-8k.wav")).substr(44, kBytes);
 const std::string kFull = "No space left on device\n", kFailed = "status 1\n";
 
-#if defined(__x86_64__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__x86_64__) && !defined(DNNVAD_SANITIZED)
 constexpr bool kNative = true;
 #else
 constexpr bool kNative = false;
