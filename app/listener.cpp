@@ -131,9 +131,9 @@ void Listener::restart() {
         frames = std::min(frames, silent - kSpeechTail);
     }
     std::vector<short> lead;
-    for (double at = heard_ - std::max(0, frames) * chunk_; at < heard_; ++at) {
-        const auto position = static_cast<long long>(at - origin_);
-        lead.push_back(session_._m_p_data[position % session_._m_n_ring_samples]);
+    const auto end = static_cast<long long>(heard_ - origin_);
+    for (long long at = std::max(0LL, end - 1LL * std::max(0, frames) * chunk_); at < end; ++at) {
+        lead.push_back(session_._m_p_data[at % session_._m_n_ring_samples]);
     }
     reset(heard_ - static_cast<double>(lead.size()));
     for (std::size_t at = 0; at < lead.size(); at += static_cast<std::size_t>(chunk_)) {
