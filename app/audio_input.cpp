@@ -138,6 +138,7 @@ void AudioInput::convert(int rate) {
         throw Failure(format("%d Hz", this->rate()), error);
     }
     in_.resize(kBlock);
+    block_.resize(kBlock * static_cast<std::size_t>(info_.channels));
     const auto supply = [](void* input, soxr_cbuf_t* samples, std::size_t count) {
         auto& self = *static_cast<AudioInput*>(input);
         *samples = self.in_.data();

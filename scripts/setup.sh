@@ -31,8 +31,8 @@ QUALITY="$MODELS"
 # Packages for this machine and for 32-bit ARM, and the program that looks for faults in them.
 DEB="$DEMO $ARMHF $ARMHF_APP lintian"
 # The suite runs natively and on both emulated ARM targets, and a small training natively.
-TEST="$DEB $MODELS abigail-tools chromium-driver python3-selenium libgtest-dev libgtest-dev:armhf util-linux
-      g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
+TEST="$DEB $MODELS abigail-tools chromium-driver python3-selenium util-linux
+      libgtest-dev libgtest-dev:armhf g++-aarch64-linux-gnu libne10-dev:arm64 libgtest-dev:arm64
       libc6:arm64 libstdc++6:arm64 libgcc-s1:arm64"
 
 list_only=no
