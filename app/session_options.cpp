@@ -179,9 +179,8 @@ void lengthen_buffer(CMFE& session) {
 }
 
 // The host's part of a configuration: what the file sets, then what --set says, in the table's order.
-void apply(const SessionOptions& options, CMFE& session) {
+void apply(const SessionOptions& options, const cfg_vad_t& config, CMFE& session) {
     static std::atomic<bool> warned{false};  // once, however many sessions take the file
-    const cfg_vad_t config = read_config(options.config);
     const std::set<std::string> keys =
         keys_of(options.config, !options.config.empty() && !warned.exchange(true));
     std::map<int, std::string> chosen;
@@ -205,6 +204,17 @@ void apply(const SessionOptions& options, CMFE& session) {
     if (chosen.count(kBufferLength) == 0) {
         lengthen_buffer(session);
     }
+}
+
+std::string chosen_model(const SessionOptions& options, const cfg_vad_t& config,
+                         int recording_rate) {
+    if (!options.model.empty()) {
+        return options.model;
+    }
+    if (config.dnn_file[0] != '\0') {  // (a name of the full length has no final zero)
+        return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
+    }
+    return bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
 }
 
 }  // namespace
@@ -239,20 +249,14 @@ void add_session_options(CLI::App& command, SessionOptions& options, bool margin
 }
 
 std::string model_path(const SessionOptions& options, int recording_rate) {
-    if (!options.model.empty()) {
-        return options.model;
-    }
-    const cfg_vad_t config = read_config(options.config);
-    if (config.dnn_file[0] != '\0') {  // (a name of the full length has no final zero)
-        return {config.dnn_file, strnlen(config.dnn_file, sizeof config.dnn_file)};
-    }
-    return bundled_file(recording_rate >= kWideRate ? "vad16k.bin" : "vad8k.bin");
+    return chosen_model(options, read_config(options.config), recording_rate);
 }
 
 std::unique_ptr<CMFE> open_session(const SessionOptions& options, int recording_rate) {
     auto session = std::make_unique<CMFE>();
-    apply(options, *session);
-    const std::string model = model_path(options, recording_rate);
+    const cfg_vad_t config = read_config(options.config);
+    apply(options, config, *session);
+    const std::string model = chosen_model(options, config, recording_rate);
     const bool wanted = session->mfeGetParam(kBleepDetect) != 0, given = !options.bleep.empty();
     const auto bins =
         given ? describe_file(options.bleep, ModelKind::kTemplate).value("bins", 0) : 0;
